@@ -1,0 +1,21 @@
+// The six bands of the 2x12 speaker.
+
+#include "models/CQuorvexSpeakerModelImpl.h"
+#include "models/SpeakerModels.h"
+#include "models/tables/2x12n44a.h"
+#include "models/tables/2x12n48a.h"
+#include "models/tables/2x12n88a.h"
+#include "models/tables/2x12n96a.h"
+#include "models/tables/2x12n176a.h"
+#include "models/tables/2x12n192a.h"
+
+namespace tarnlow {
+
+TARNLOW_BIND_MODEL_TABLES(2x12, 44)
+TARNLOW_BIND_MODEL_TABLES(2x12, 48)
+TARNLOW_BIND_MODEL_TABLES(2x12, 88)
+TARNLOW_BIND_MODEL_TABLES(2x12, 96)
+TARNLOW_BIND_MODEL_TABLES(2x12, 176)
+TARNLOW_BIND_MODEL_TABLES(2x12, 192)
+
+}  // namespace tarnlow

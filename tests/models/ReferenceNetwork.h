@@ -1,0 +1,301 @@
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ModelRegistry.h"
+#include "engine/FlushToZero.h"
+
+namespace tarnlow::testing {
+
+// "F2 S9 T" -> "FFSSSSSSSSST": one letter per stage, the final tap last.
+inline std::string ExpandPlan(std::string_view plan)
+{
+    std::string letters;
+    std::size_t at = 0;
+    while (at < plan.size()) {
+        if (plan[at] == ' ') {
+            ++at;
+            continue;
+        }
+        const char letter = plan[at++];
+        int repeat = 0;
+        while (at < plan.size() && plan[at] >= '0' && plan[at] <= '9') repeat = repeat * 10 + (plan[at++] - '0');
+        letters.append(std::size_t(repeat == 0 ? 1 : repeat), letter);
+    }
+    return letters;
+}
+
+enum class RecordKind { secondOrder, reduced, firstOrder };
+
+inline int RecordLength(RecordKind kind)
+{
+    return kind == RecordKind::secondOrder ? 5 : kind == RecordKind::reduced ? 4 : 3;
+}
+
+// The records of one stage letter in table order: tap, then through if there is one.
+struct StageRecords {
+    char letter;
+    RecordKind tap;
+    bool hasThrough;
+    RecordKind through;
+};
+
+inline StageRecords RecordsOf(char letter)
+{
+    switch (letter) {
+    case 'F': return {letter, RecordKind::firstOrder, true, RecordKind::firstOrder};
+    case 'S': return {letter, RecordKind::secondOrder, true, RecordKind::secondOrder};
+    case 'Z': return {letter, RecordKind::reduced, true, RecordKind::secondOrder};
+    case 'f': return {letter, RecordKind::firstOrder, false, RecordKind::firstOrder};
+    case 'T': return {letter, RecordKind::secondOrder, false, RecordKind::secondOrder};
+    case 'U': return {letter, RecordKind::reduced, false, RecordKind::secondOrder};
+    }
+    throw std::invalid_argument("unknown stage letter");
+}
+
+inline int ChainRecordLength(std::string_view plan)
+{
+    int length = 0;
+    for (char letter : ExpandPlan(plan)) {
+        const StageRecords records = RecordsOf(letter);
+        length += RecordLength(records.tap) + (records.hasThrough ? RecordLength(records.through) : 0);
+    }
+    return length;
+}
+
+// First constant of chain k, of both gain tables and of the ambience data, found by walking the
+// table in its documented order with the table file's own plans.
+struct ConstantWalk {
+    int gainTable[2];
+    int chain[chainCount];
+    int ambienceRecord;
+    int ambienceGainTable;
+    int end;
+};
+
+inline ConstantWalk WalkConstants(const ModelEntry& model)
+{
+    ConstantWalk walk{};
+    int at = model.tablePreSectionCount * 5;
+    for (int branch = 0; branch < 2; ++branch) {
+        walk.gainTable[branch] = at;
+        at += 4;
+        for (int position = 0; position < 3; ++position) {
+            walk.chain[branch * 3 + position] = at;
+            at += ChainRecordLength(model.tableChainPlans[std::size_t(branch * 3 + position)]);
+        }
+    }
+    walk.ambienceRecord = at;
+    walk.ambienceGainTable = at + 5;
+    walk.end = at + 9;
+    return walk;
+}
+
+// The network written out plainly, one sample at a time through every section, in a sample
+// type of the test's choice. It holds one fixed setting, as after an immediate control
+// update: the gains are the table entries of that setting. Output gain is taken positive.
+template <class Sample>
+class ReferenceNetwork {
+public:
+    ReferenceNetwork(const ModelEntry& model, int type, int position)
+    {
+        const std::span<const float> table = model.constants;
+        const ConstantWalk walk = WalkConstants(model);
+        for (int p = 0; p < model.tablePreSectionCount; ++p) pre.push_back(MakeSection(RecordKind::secondOrder, &table[std::size_t(p * 5)]));
+
+        const int chain = type * 3 + position;
+        int at = walk.chain[chain];
+        for (char letter : ExpandPlan(model.tableChainPlans[std::size_t(chain)])) {
+            const StageRecords records = RecordsOf(letter);
+            Stage stage;
+            stage.tap = MakeSection(records.tap, &table[std::size_t(at)]);
+            at += RecordLength(records.tap);
+            stage.hasThrough = records.hasThrough;
+            if (records.hasThrough) {
+                stage.through = MakeSection(records.through, &table[std::size_t(at)]);
+                at += RecordLength(records.through);
+            }
+            if (letter == 'T' || letter == 'U') {
+                finalTap = stage.tap;
+            } else {
+                stages.push_back(stage);
+            }
+        }
+        ambience = MakeSection(RecordKind::secondOrder, &table[std::size_t(walk.ambienceRecord)]);
+        positionGain = table[std::size_t(walk.gainTable[type] + position)];
+        ambienceGain = table[std::size_t(walk.ambienceGainTable + position)];
+
+        const BandInfo& band = bandCatalogue[std::size_t(model.band)];
+        directGain = band.directGain;
+        outputGain = band.outputGainMagnitude;
+        for (int line = 0; line < allPassLineCount; ++line) lines[std::size_t(line)].assign(std::size_t(band.lineLengths[std::size_t(line)]), Sample(0));
+        taps.resize(stages.size());
+    }
+
+    // Runs `input` in chunks of 16 samples with the small-value test after each chunk.
+    std::vector<Sample> Run(const std::vector<Sample>& input)
+    {
+        std::vector<Sample> output(input.size());
+        for (std::size_t i = 0; i < input.size(); ++i) {
+            output[i] = Step(input[i]);
+            if (i % 16 == 15) SettleStates();
+        }
+        return output;
+    }
+
+private:
+    struct Section {
+        RecordKind kind = RecordKind::secondOrder;
+        Sample c0 = 0, c1 = 0, c2 = 0, c3 = 0, c4 = 0;
+        Sample s0 = 0, s1 = 0;
+    };
+    struct Stage {
+        Section tap;
+        bool hasThrough = false;
+        Section through;
+    };
+
+    static Section MakeSection(RecordKind kind, const float* record)
+    {
+        Section section;
+        section.kind = kind;
+        section.c0 = record[0];
+        section.c1 = record[1];
+        if (kind == RecordKind::secondOrder) {
+            section.c2 = record[2];
+            section.c3 = record[3];
+            section.c4 = record[4];
+        } else if (kind == RecordKind::reduced) {
+            section.c3 = record[2];
+            section.c4 = record[3];
+        } else {
+            section.c2 = record[2];
+        }
+        return section;
+    }
+
+    static Sample Filter(Section& section, Sample x)
+    {
+        const Sample y = section.c0 * x + section.s0;
+        switch (section.kind) {
+        case RecordKind::secondOrder: {
+            const Sample s0 = ((section.s0 + section.s1) + section.c1 * x) - section.c3 * y;
+            section.s1 = (section.s1 + section.c2 * x) - section.c4 * y;
+            section.s0 = s0;
+            break;
+        }
+        case RecordKind::reduced: {
+            const Sample s0 = ((section.s0 + section.s1) + section.c1 * x) - section.c3 * y;
+            section.s1 = section.s1 - section.c4 * y;
+            section.s0 = s0;
+            break;
+        }
+        case RecordKind::firstOrder: section.s0 = (section.s0 + section.c1 * x) - section.c2 * y; break;
+        }
+        return y;
+    }
+
+    Sample AllPass(int line, Sample x)
+    {
+        std::vector<Sample>& delay = lines[std::size_t(line)];
+        int& position = positions[std::size_t(line)];
+        const Sample d = delay[std::size_t(position)];
+        const Sample v = Sample(-0.7f) * d + x;
+        delay[std::size_t(position)] = v;
+        position = (position + 1) % int(delay.size());
+        return d + Sample(0.7f) * v;
+    }
+
+    Sample Step(Sample x)
+    {
+        for (Section& section : pre) x = Filter(section, x);
+        x = x * positionGain;
+        for (std::size_t s = 0; s < stages.size(); ++s) {
+            taps[s] = Filter(stages[s].tap, x);
+            if (stages[s].hasThrough) x = Filter(stages[s].through, x);
+        }
+        x = Filter(finalTap, x);
+        for (std::size_t s = stages.size(); s-- > 0;) x = x + taps[s];
+        Sample r = x;
+        for (int line = 0; line < allPassLineCount; ++line) r = AllPass(line, r);
+        r = Filter(ambience, r);
+        return (x * directGain + r * ambienceGain) * outputGain;
+    }
+
+    static void Settle(Sample& word)
+    {
+        if (std::fabs(word) < Sample(1e-30f)) word = Sample(0);
+    }
+    static void Settle(Section& section)
+    {
+        Settle(section.s0);
+        Settle(section.s1);
+    }
+    void SettleStates()
+    {
+        for (Section& section : pre) Settle(section);
+        for (Stage& stage : stages) {
+            Settle(stage.tap);
+            Settle(stage.through);
+        }
+        Settle(finalTap);
+        Settle(ambience);
+    }
+
+    std::vector<Section> pre;
+    std::vector<Stage> stages;
+    Section finalTap;
+    Section ambience;
+    std::vector<Sample> taps;
+    std::array<std::vector<Sample>, allPassLineCount> lines;
+    std::array<int, allPassLineCount> positions{};
+    Sample positionGain = 0, ambienceGain = 0, directGain = 0, outputGain = 0;
+};
+
+// The model's response to a unit impulse through the frame: a fresh amp, both parameter
+// values stored, one block of `length` samples.
+inline std::vector<float> ModelImpulseResponse(const ModelEntry& model, float typeValue,
+                                               float positionValue, int length)
+{
+    std::unique_ptr<CQuorvexAmp> amp = model.create();
+    amp->Initialise();
+    amp->parameters[0].StoreValue(typeValue);
+    amp->parameters[1].StoreValue(positionValue);
+    std::vector<float> buffer(std::size_t(length), 0.0f);
+    buffer[0] = 1.0f;
+    float* channel = buffer.data();
+    amp->ProcessBlock(&channel, &channel, length, 1.0f, nullptr, 0);
+    return buffer;
+}
+
+// The same response with the model driven as the frame drives it, but without the frame's
+// block-level steps (its silence clearing would zero sample 0 of a long, decayed response):
+// flush-to-zero, one immediate update, then periods of 16 samples each followed by a
+// regular update.
+inline std::vector<float> DirectImpulseResponse(const ModelEntry& model, float typeValue,
+                                                float positionValue, int length)
+{
+    const FlushToZeroScope flushToZero;
+    std::unique_ptr<CQuorvexAmp> amp = model.create();
+    amp->Initialise();
+    amp->parameters[0].StoreValue(typeValue);
+    amp->parameters[1].StoreValue(positionValue);
+    amp->Update(true, 0, 0);
+    std::vector<float> buffer(std::size_t(length), 0.0f);
+    buffer[0] = 1.0f;
+    for (int at = 0; at < length; at += controlPeriod) {
+        float* chunk = buffer.data() + at;
+        amp->Process(&chunk, &chunk, std::min(controlPeriod, length - at), false, false, nullptr, 0);
+        amp->Update(false, 0, 0);
+    }
+    return buffer;
+}
+
+}  // namespace tarnlow::testing

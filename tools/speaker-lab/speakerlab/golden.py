@@ -34,11 +34,12 @@ def model_impulse_responses(model: str, samples: int = cat.GOLDEN_SAMPLES,
         for t, p in cat.CHAIN_KEYS])
 
 
-def write_all(models=cat.GOLDEN_MODELS, directory: Path = GOLDEN_DIR, log=print) -> None:
+def write_all(models=cat.GOLDEN_MODELS, directory: Path = GOLDEN_DIR, log=print,
+              table_dir: Path = TABLE_DIR) -> None:
     directory.mkdir(parents=True, exist_ok=True)
     for model in models:
         cat.parse_model_name(model)
-        data = model_impulse_responses(model)
+        data = model_impulse_responses(model, table_dir=table_dir)
         data.astype("<f4").tofile(directory / f"{model}.f32")
         log(f"wrote {model}.f32 ({len(data)} samples)")
     listed = sorted(p.stem for p in directory.glob("*.f32"))

@@ -66,16 +66,30 @@ def band_pre_records(speaker: str, band: int) -> list[list[float]]:
     return [[f32(v) for v in derive_record(cat.PRE_RECORDS_96[i], band)] for i in range(count)]
 
 
+def analog_section_response(index: int, freqs_hz, unit_dc: bool = False) -> np.ndarray:
+    """Continuous-time response of fixed section `index` (0: the dip, 1: the peak)."""
+    s = 2j * np.pi * np.asarray(freqs_hz, dtype=float)
+    roots = continuous_roots(cat.PRE_RECORDS_96[index])
+    zero, pole = roots["zero"], roots["pole"]
+    num = (s - zero) * (s - np.conj(zero)) / abs(zero) ** 2
+    den = (s - pole) * (s - np.conj(pole)) / abs(pole) ** 2
+    return (1.0 if unit_dc else roots["dc_gain"]) * num / den
+
+
 def analog_pre_response(speaker: str, freqs_hz: np.ndarray) -> np.ndarray:
     """Continuous-time pre-section response (the cabinet features they stand for)."""
-    s = 2j * np.pi * np.asarray(freqs_hz, dtype=float)
-    h = np.ones_like(s)
+    h = np.ones(np.shape(freqs_hz), dtype=complex)
     for i in range(cat.PRE_SECTION_COUNT[speaker]):
-        roots = continuous_roots(cat.PRE_RECORDS_96[i])
-        zero, pole = roots["zero"], roots["pole"]
-        zz = abs(zero) ** 2
-        pp = abs(pole) ** 2
-        num = (s - zero) * (s - np.conj(zero)) / zz
-        den = (s - pole) * (s - np.conj(pole)) / pp
-        h = h * roots["dc_gain"] * num / den
+        h = h * analog_section_response(i, freqs_hz)
+    return h
+
+
+def digital_pre_response(pre_records, freqs_hz, rate: float) -> np.ndarray:
+    """Response of a band's float32 pre-records, the factor the chain is divided by."""
+    from .records import delta_of, record_response
+
+    d = delta_of(freqs_hz, rate)
+    h = np.ones_like(d)
+    for record in pre_records:
+        h = h * record_response("second", record, d)
     return h

@@ -86,8 +86,14 @@ TEST(ModelReference, SinglePrecisionStaysCloseToDoublePrecision)
             const std::vector<double> widened(single.begin(), single.end());
             const auto singleSpectrum = Spectrum(widened, frequencies, rate);
             const auto preciseSpectrum = Spectrum(precise, frequencies, rate);
+            // Single-precision rounding noise sits at a fixed level below the response's
+            // peak, so the comparison covers where the response is within 60 dB of it; a
+            // roll-off 90 dB down measures the noise, not the network.
+            double spectrumPeak = 0.0;
+            for (const auto& bin : preciseSpectrum) spectrumPeak = std::max(spectrumPeak, std::abs(bin));
             double decibels = 0.0;
             for (std::size_t k = 0; k < frequencies.size(); ++k) {
+                if (std::abs(preciseSpectrum[k]) < spectrumPeak * 1e-3) continue;
                 decibels = std::max(decibels, std::fabs(20.0 * std::log10(std::abs(singleSpectrum[k]) / std::abs(preciseSpectrum[k]))));
             }
             const std::string where = model.name + " setting " + std::to_string(setting);
@@ -100,7 +106,7 @@ TEST(ModelReference, SinglePrecisionStaysCloseToDoublePrecision)
             worstSampleError = std::max(worstSampleError, sampleError / peak);
         }
     }
-    std::printf("float vs double, 20 Hz - 10 kHz: largest magnitude error %.3g dB (%s); "
+    std::printf("float vs double, 20 Hz - 10 kHz within 60 dB of the peak: largest magnitude error %.3g dB (%s); "
                 "largest sample error %.3g of the peak\n",
                 worstDecibels, worstModel.c_str(), worstSampleError);
 }

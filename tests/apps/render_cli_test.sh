@@ -83,6 +83,28 @@ truncated_input)
   expect_error 1 "cannot read 'stub.wav'" stub.wav out.wav
   expect_nothing_written out.wav
   ;;
+hostile_headers)
+  # Headers that announce no sample rate, or far more channels than any file holds.
+  make_wav() {
+    /usr/bin/python3 - "$@" <<'PY'
+import struct, sys
+path, rate, channels = sys.argv[1], int(sys.argv[2]), int(sys.argv[3])
+block = channels * 2
+data = bytes(block * 4)
+fmt = struct.pack('<IHHIIHH', 16, 1, channels, rate, (rate * block) & 0xFFFFFFFF, block & 0xFFFF, 16)
+open(path, 'wb').write(b'RIFF' + struct.pack('<I', 36 + len(data)) + b'WAVEfmt ' + fmt
+                       + b'data' + struct.pack('<I', len(data)) + data)
+PY
+  }
+  make_wav zero-rate.wav 0 1 || fail "make"
+  expect_error 1 "cannot read 'zero-rate.wav'" zero-rate.wav out.wav
+  expect_nothing_written out.wav
+  for channels in 2000 65535; do
+    make_wav wide.wav 48000 "$channels" || fail "make"
+    expect_error 1 "cannot read 'wide.wav'" wide.wav out.wav
+    expect_nothing_written out.wav
+  done
+  ;;
 existing_output)
   "$audio" make in.wav 44100 1 4410 || fail "make"
   printf 'precious take\n' >out.wav

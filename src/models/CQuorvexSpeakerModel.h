@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "engine/CQuorvexAmp.h"
-#include "models/ChainWavefront.h"
+#include "models/NetworkWavefront.h"
 #include "models/ModelCatalogue.h"
 
 namespace tarnlow {
@@ -14,8 +14,8 @@ namespace tarnlow {
 // ModelDescriptor; it fixes the chain plans and table regions at compile time, so that each
 // model's network is straight-line code over constant offsets.
 //
-// Process runs the chain as a wavefront (ChainWavefront.h) and ProcessPlain section by
-// section; both give the same bits.
+// Process runs the pre-sections and the chain as a wavefront (NetworkWavefront.h) and
+// ProcessPlain section by section; both give the same bits.
 //
 // The member functions are defined in CQuorvexSpeakerModelImpl.h and instantiated once per
 // model, in the file that binds the model to its generated tables.
@@ -47,9 +47,9 @@ public:
     char modelName[128] = {};
 
 private:
-    // The six chains lane by lane for the wavefront, copied from the constant table when
-    // the model is made; the table itself stays as it is.
-    speaker_network::PackedChain packedChains[chainCount];
+    // The pre-sections with each of the six chains, lane by lane for the wavefront, copied
+    // from the constant table when the model is made; the table itself stays as it is.
+    speaker_network::PackedNetwork networks[chainCount];
 
 protected:
     // Loads the two tables; their lengths are checked against the catalogue here.

@@ -15,7 +15,6 @@ namespace tarnlow {
 
 namespace speaker_network {
 
-inline constexpr float allPassGain = 0.7f;
 inline constexpr float firstPositionLimit = 0.33333334f;   // the float of 1/3
 inline constexpr float secondPositionLimit = 0.6666667f;   // the float of 2/3
 
@@ -90,61 +89,6 @@ inline void RunAllPassLine(float* output, const float* input, int32_t count, flo
     std::memcpy(words, &position, sizeof position);
 }
 
-// The same line for a block shorter than the line: no sample of the block reads a place the
-// block has written, so the block splits into at most two runs without the wrap test, each
-// free of carried dependencies.
-template <int32_t length>
-inline void RunAllPassLineInChunk(float* output, const float* input, int32_t count, float* words) noexcept
-{
-    static_assert(length > controlPeriod);
-    int32_t position;
-    std::memcpy(&position, words, sizeof position);
-    float* line = words + 1;
-    const int32_t firstRun = std::min(count, length - position);
-    float* at = line + position;
-    for (int32_t i = 0; i < firstRun; ++i) {
-        const float delayed = at[i];
-        const float written = -allPassGain * delayed + input[i];
-        at[i] = written;
-        output[i] = delayed + allPassGain * written;
-    }
-    for (int32_t i = firstRun; i < count; ++i) {
-        const float delayed = line[i - firstRun];
-        const float written = -allPassGain * delayed + input[i];
-        line[i - firstRun] = written;
-        output[i] = delayed + allPassGain * written;
-    }
-    position += count;
-    if (position >= length) position -= length;
-    std::memcpy(words, &position, sizeof position);
-}
-
-// Two second-order sections in series over the block in place, sample by sample: the second
-// works on the first's output of the same sample, so the processor overlaps the two
-// recursions. Each rounds as RunSection does, with the small-value test at the end.
-inline void RunSectionPair(float* signal, int32_t count, const float* records, float* state) noexcept
-{
-    const float a0 = records[0], a1 = records[1], a2 = records[2], a3 = records[3], a4 = records[4];
-    const float b0 = records[5], b1 = records[6], b2 = records[7], b3 = records[8], b4 = records[9];
-    float p0 = state[0], p1 = state[1], q0 = state[2], q1 = state[3];
-    for (int32_t i = 0; i < count; ++i) {
-        const float x = signal[i];
-        const float u = a0 * x + p0;
-        const float nextP0 = ((p0 + p1) + a1 * x) - a3 * u;
-        p1 = (p1 + a2 * x) - a4 * u;
-        p0 = nextP0;
-        const float y = b0 * u + q0;
-        const float nextQ0 = ((q0 + q1) + b1 * u) - b3 * y;
-        q1 = (q1 + b2 * u) - b4 * y;
-        q0 = nextQ0;
-        signal[i] = y;
-    }
-    state[0] = FlushTinyState(p0);
-    state[1] = FlushTinyState(p1);
-    state[2] = FlushTinyState(q0);
-    state[3] = FlushTinyState(q1);
-}
-
 // One read of a parameter for the control update, limited to -1..1. Each comparison takes
 // its own read of the value, which a control thread may store in between; each read is
 // bounded by Quantise on its own, so a change between them does no harm.
@@ -174,6 +118,12 @@ CQuorvexSpeakerModel<Descriptor>::CQuorvexSpeakerModel(const float (&constants)[
     static_assert(stateCount == static_cast<std::size_t>(Descriptor::stateLength),
                   "state table length differs from the catalogue");
     static_assert(Descriptor::name.back() == '\0' && Descriptor::name.size() <= sizeof modelName);
+    static_assert(Descriptor::preSectionCount <= speaker_network::maxPreSections &&
+                      std::all_of(Descriptor::chains.begin(), Descriptor::chains.end(),
+                                  [](const ChainLayout& chain) {
+                                      return chain.stageCount >= 10 && chain.stageCount <= 12;
+                                  }),
+                  "the wavefront has kernels for 0 to 2 pre-sections and 10 to 12 stages");
 
     std::copy(Descriptor::name.begin(), Descriptor::name.end(), modelName);
     sampleRate = Descriptor::sampleRate;
@@ -186,8 +136,10 @@ CQuorvexSpeakerModel<Descriptor>::CQuorvexSpeakerModel(const float (&constants)[
     parameters[1].Init(Descriptor::positionTag, "MicrophonePosition", "MicrophonePosition", 1, 0.5f,
                        3, true, -1);
     for (int32_t chain = 0; chain < chainCount; ++chain) {
-        packedChains[chain] = speaker_network::PackChain(
-            Descriptor::chains[chain], constants + Descriptor::constantRegions.chains[chain]);
+        networks[chain] = speaker_network::PackNetwork(
+            Descriptor::chains[chain], Descriptor::preSectionCount,
+            constants + Descriptor::constantRegions.preRecords, Descriptor::stateRegions.preStates,
+            constants + Descriptor::constantRegions.chains[chain], Descriptor::stateRegions.chains[chain]);
     }
 }
 
@@ -220,53 +172,35 @@ void CQuorvexSpeakerModel<Descriptor>::Process(float** inputs, float** outputs, 
     constexpr StateRegions stateAt = Descriptor::stateRegions;
     constexpr auto lineLengths = Descriptor::lineLengths;
 
+    // A single sample would pay the wavefront's filling and draining in full, and the
+    // gathering of every word into lanes and back, for one step of work: section by section
+    // is cheaper there, and the same bits.
+    if (count == 1) {
+        ProcessPlain(inputs, outputs, count);
+        return;
+    }
+
     const float* constants = static_cast<const float*>(busConstants->GetElement(0));
     float* state = static_cast<float*>(busState->GetElement(0));
-
-    float signal[controlPeriod];
-    float taps[maxChainStages][controlPeriod];
-    float ambience[controlPeriod];
-
-    std::copy_n(inputs[0], count, signal);
-
-    if constexpr (Descriptor::preSectionCount == 2) {
-        RunSectionPair(signal, count, constants + constantAt.preRecords, state + stateAt.preStates);
-    } else {
-        for (int32_t section = 0; section < Descriptor::preSectionCount; ++section) {
-            RunSection(signal, signal, count, constants + constantAt.preRecords + section * secondOrderRecordLength,
-                       state + stateAt.preStates + section * 2);
-        }
-    }
 
     const int32_t branch = state[stateAt.typeValue] < 0.5f ? 0 : 1;
     const float* branchWords = state + stateAt.branchWords[branch];
     const float positionGain = branchWords[positionGainWord];
     const float positionValue = branchWords[positionValueWord];
-    for (int32_t i = 0; i < count; ++i) signal[i] = signal[i] * positionGain;
-
     const int32_t position = positionValue < firstPositionLimit    ? 0
                              : positionValue >= secondPositionLimit ? 2
                                                                     : 1;
-    const int32_t chain = branch * 3 + position;
-    const PackedChain& packed = packedChains[chain];
-    RunChainWavefront(packed, signal, taps, count, state + stateAt.chains[chain]);
-    for (int32_t stage = packed.stageCount; stage-- > 0;) AddInto(signal, taps[stage], count);
-
-    RunAllPassLineInChunk<lineLengths[0]>(ambience, signal, count, state + stateAt.diffusers[0]);
-    RunAllPassLineInChunk<lineLengths[1]>(ambience, ambience, count, state + stateAt.diffusers[1]);
-    RunAllPassLineInChunk<lineLengths[2]>(ambience, ambience, count, state + stateAt.diffusers[2]);
-    RunAllPassLineInChunk<lineLengths[3]>(ambience, ambience, count, state + stateAt.diffusers[3]);
-    RunSection(ambience, ambience, count, constants + constantAt.ambienceRecord,
-               state + stateAt.ambienceState);
-
-    const float ambienceGain = state[stateAt.ambienceGain];
-    for (int32_t i = 0; i < count; ++i) {
-        const float wet = ambience[i] * ambienceGain;
-        const float direct = signal[i] * Descriptor::directGain;
-        signal[i] = (direct + wet) * Descriptor::outputGain;
-    }
-
-    std::copy_n(signal, count, outputs[0]);
+    const NetworkTail tail = {
+        {state + stateAt.diffusers[0], state + stateAt.diffusers[1], state + stateAt.diffusers[2],
+         state + stateAt.diffusers[3]},
+        {lineLengths[0], lineLengths[1], lineLengths[2], lineLengths[3]},
+        constants + constantAt.ambienceRecord,
+        state + stateAt.ambienceState,
+        state[stateAt.ambienceGain],
+        Descriptor::directGain,
+        Descriptor::outputGain,
+    };
+    RunNetwork(networks[branch * 3 + position], tail, inputs[0], outputs[0], count, positionGain, state);
 }
 
 template <class Descriptor>

@@ -17,22 +17,6 @@ namespace {
 constexpr int32_t pointKindValue = 0;
 constexpr int32_t pointKindNamed = 1;
 
-// Largest whole float not above x, by arithmetic only so that the audio path makes no call.
-// Adding and subtracting 2^23 with the sign of x rounds to a whole number in the current
-// (round-to-nearest) mode; where that went upward, one step back gives the floor.
-// Magnitudes of 2^23 and more are whole already; NaN and infinities fail the range test
-// and pass through unchanged. Needs strict single precision: no fast-math, no contraction.
-inline float FloorByMagic(float x) noexcept
-{
-    constexpr float twoPow23 = 8388608.0f;
-    if (!(x < twoPow23 && x > -twoPow23))
-        return x;
-    float whole = x >= 0.0f ? (x + twoPow23) - twoPow23 : (x - twoPow23) + twoPow23;
-    if (whole > x)
-        whole -= 1.0f;
-    return whole;
-}
-
 // Truncation toward zero that is defined for every double: NaN gives 0 and values beyond
 // the int32 range saturate, where a plain conversion would be undefined behaviour.
 inline int32_t TruncateToInt32(double x) noexcept
@@ -136,22 +120,6 @@ void CQuorvexParameter::StripPrefix(std::string prefix)
     // loses as many characters whether or not it carries the prefix (erase clamps to size).
     name.erase(0, prefix.size());
     shortName.erase(0, prefix.size());
-}
-
-float CQuorvexParameter::Quantise(float v) const noexcept
-{
-    if (valueKind == 1) {
-        const float steps = static_cast<float>(stepCount);
-        float r = FloorByMagic(v * steps);
-        if (r == steps)
-            r = steps - 1.0f;
-        // stepCount 1 divides 0 by 0 here and yields NaN by design of the stepping rule.
-        v = r / (steps - 1.0f);
-    }
-    if (v > 1.0f)
-        return 1.0f;
-    // Written so that NaN falls through unchanged; -0.0 comes out as +0.0.
-    return v > 0.0f || v != v ? v : 0.0f;
 }
 
 int32_t CQuorvexParameter::GetFixedPoint() const noexcept

@@ -26,6 +26,26 @@ constexpr uint32_t FourCC(const char (&code)[5])
            (uint32_t(uint8_t(code[2])) << 8) | uint32_t(uint8_t(code[3]));
 }
 
+namespace parameter_detail {
+
+// Largest whole float not above x, by arithmetic only so that the audio path makes no call.
+// Adding and subtracting 2^23 with the sign of x rounds to a whole number in the current
+// (round-to-nearest) mode; where that went upward, one step back gives the floor.
+// Magnitudes of 2^23 and more are whole already; NaN and infinities fail the range test
+// and pass through unchanged. Needs strict single precision: no fast-math, no contraction.
+inline float FloorByMagic(float x) noexcept
+{
+    constexpr float twoPow23 = 8388608.0f;
+    if (!(x < twoPow23 && x > -twoPow23))
+        return x;
+    float whole = x >= 0.0f ? (x + twoPow23) - twoPow23 : (x - twoPow23) + twoPow23;
+    if (whole > x)
+        whole -= 1.0f;
+    return whole;
+}
+
+}  // namespace parameter_detail
+
 // One controllable value: names, normalised value, stepping and a scale for text.
 // A plain value type; copies are deep and independent.
 class CQuorvexParameter {
@@ -90,5 +110,21 @@ public:
     int32_t wordBits = -1;
     int32_t meterKind = 3;
 };
+
+inline float CQuorvexParameter::Quantise(float v) const noexcept
+{
+    if (valueKind == 1) {
+        const float steps = static_cast<float>(stepCount);
+        float r = parameter_detail::FloorByMagic(v * steps);
+        if (r == steps)
+            r = steps - 1.0f;
+        // stepCount 1 divides 0 by 0 here and yields NaN by design of the stepping rule.
+        v = r / (steps - 1.0f);
+    }
+    if (v > 1.0f)
+        return 1.0f;
+    // Written so that NaN falls through unchanged; -0.0 comes out as +0.0.
+    return v > 0.0f || v != v ? v : 0.0f;
+}
 
 }  // namespace tarnlow

@@ -1,7 +1,8 @@
 // The wavefront network (Process) against the section-by-section network (ProcessPlain):
 // for every model and setting, on noise and on an impulse followed by a long silence, in
 // blocks of every length the frame may give (0 to 16), every output sample and every state
-// word must agree bit for bit.
+// word must agree bit for bit, with the eight-lane instructions the processor offers and
+// with the baseline ones.
 
 #include <gtest/gtest.h>
 
@@ -13,6 +14,7 @@
 
 #include "ModelRegistry.h"
 #include "engine/FlushToZero.h"
+#include "models/NetworkWavefront.h"
 
 namespace tarnlow::testing {
 namespace {
@@ -93,9 +95,18 @@ std::vector<float> ImpulseThenSilence(std::size_t length)
     return samples;
 }
 
-TEST(ModelWavefront, MatchesThePlainNetworkForEveryModelAndSetting)
+// Models made while it stands run the baseline kernel.
+struct BaselineKernels {
+    explicit BaselineKernels(bool baseline) { speaker_network::UseBaselineKernels(baseline); }
+    ~BaselineKernels() { speaker_network::UseBaselineKernels(false); }
+};
+
+class ModelWavefrontKernels : public ::testing::TestWithParam<bool> {};
+
+TEST_P(ModelWavefrontKernels, MatchThePlainNetworkForEveryModelAndSetting)
 {
     const FlushToZeroScope flushToZero;
+    const BaselineKernels kernels(GetParam());
     const std::vector<float> noise = Noise(12000, 7);
     // Long enough for every section to settle to exactly zero through the small-value test.
     const std::vector<float> impulse = ImpulseThenSilence(40000);
@@ -115,6 +126,11 @@ TEST(ModelWavefront, MatchesThePlainNetworkForEveryModelAndSetting)
     }
     EXPECT_EQ(runs, 180);
 }
+
+INSTANTIATE_TEST_SUITE_P(Widths, ModelWavefrontKernels, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                             return info.param ? "Baseline" : "Widest";
+                         });
 
 // A chain left without a reset keeps its words frozen and resumes from them; the position
 // glides between settings. Both forms must do so alike.

@@ -1,0 +1,392 @@
+#include "models/NetworkWavefront.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+
+#include "engine/FrameConstants.h"
+#include "models/Sections.h"
+
+// Eight-lane vectors pass between the helpers below by value; all of them are inlined into
+// one kernel, so the baseline build's differing calling convention for such values never
+// meets the wide one.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wpsabi"
+#endif
+
+namespace tarnlow::speaker_network {
+
+namespace {
+
+using Lanes = float __attribute__((vector_size(32)));
+using LaneBits = int32_t __attribute__((vector_size(32)));
+
+// Rows of the step buffer: one per step, every lane of every vector.
+inline constexpr int32_t rowLength = maxNetworkLanes;
+inline constexpr int32_t maxSteps = controlPeriod + PositionsOf(maxPreSections, maxChainStages).last;
+
+inline constexpr int32_t allBits = -1;
+inline constexpr int32_t negativeZeroBits = static_cast<int32_t>(0x80000000u);
+
+enum class LaneKind : uint8_t { secondOrder, reduced, firstOrder, passThrough, idle };
+
+void PackLane(PackedNetwork& network, int32_t lane, LaneKind kind, const float* record,
+              int32_t firstWord)
+{
+    PackedNetwork::Vector& vector = network.vectors[lane / lanesPerVector];
+    const int32_t at = lane % lanesPerVector;
+    float c[5] = {0.0f, 0.0f, 0.0f, 0.0f, 0.0f};
+    bool hasS0 = true, hasC2X = true, hasS1 = true;
+    int32_t words = 0;
+    switch (kind) {
+    case LaneKind::secondOrder:
+        std::copy_n(record, secondOrderRecordLength, c);
+        words = 2;
+        break;
+    case LaneKind::reduced:
+        c[0] = record[0];
+        c[1] = record[1];
+        c[3] = record[2];
+        c[4] = record[3];
+        hasC2X = false;
+        words = 2;
+        break;
+    case LaneKind::firstOrder:
+        c[0] = record[0];
+        c[1] = record[1];
+        c[3] = record[2];
+        hasC2X = false;
+        hasS1 = false;
+        words = 1;
+        break;
+    case LaneKind::passThrough:
+        c[0] = 1.0f;
+        hasS0 = hasC2X = hasS1 = false;
+        break;
+    case LaneKind::idle:
+        break;
+    }
+    vector.c0[at] = c[0];
+    vector.c1[at] = c[1];
+    vector.c2[at] = c[2];
+    vector.c3[at] = c[3];
+    vector.c4[at] = c[4];
+    vector.keepS0[at] = hasS0 ? allBits : 0;
+    vector.forcedS0[at] = hasS0 ? 0 : negativeZeroBits;
+    vector.keepC2X[at] = hasC2X ? allBits : 0;
+    vector.forcedC2X[at] = hasC2X ? 0 : negativeZeroBits;
+    vector.keepS1[at] = hasS1 ? allBits : 0;
+    vector.forcedS1[at] = hasS1 ? 0 : negativeZeroBits;
+    vector.needsForcing = vector.needsForcing || (kind != LaneKind::secondOrder && kind != LaneKind::idle);
+    for (int32_t word = 0; word < words; ++word) {
+        network.wordPlaces[network.wordPlaceCount++] = {static_cast<int16_t>(firstWord + word),
+                                                       static_cast<uint8_t>(lane + word * maxNetworkLanes)};
+    }
+}
+
+inline Lanes KeepOrForce(Lanes value, const int32_t* keep, const int32_t* forced) noexcept
+{
+    LaneBits keepBits, forcedBits;
+    std::memcpy(&keepBits, keep, sizeof keepBits);
+    std::memcpy(&forcedBits, forced, sizeof forcedBits);
+    return reinterpret_cast<Lanes>((reinterpret_cast<LaneBits>(value) & keepBits) | forcedBits);
+}
+
+inline Lanes Select(LaneBits mask, Lanes whereSet, Lanes elsewhere) noexcept
+{
+    return reinterpret_cast<Lanes>((reinterpret_cast<LaneBits>(whereSet) & mask) |
+                                   (reinterpret_cast<LaneBits>(elsewhere) & ~mask));
+}
+
+inline Lanes Load(const float* from) noexcept
+{
+    Lanes value;
+    std::memcpy(&value, from, sizeof value);
+    return value;
+}
+
+// The kernel for preSectionCount pre-sections and stageCount stages. The vectors' words stay
+// in registers through the steps; each vector works only in the steps where one of its units
+// has a sample, and in the steps where only some have, the others keep their words.
+template <int32_t preSectionCount, int32_t stageCount>
+[[gnu::always_inline]] inline void RunSteps(const PackedNetwork& network, const NetworkTail& tail,
+                                            const float* input, float* output, int32_t count,
+                                            float positionGain, float* state) noexcept
+{
+    constexpr NetworkPositions positions = PositionsOf(preSectionCount, stageCount);
+    constexpr int32_t vectorCount = positions.vectorCount;
+    // Lane-wise copies of the words: s0 of every lane, then s1. A lane without the word
+    // holds -0.0.
+    alignas(32) float laneWords[2 * maxNetworkLanes];
+    for (float& word : laneWords) word = -0.0f;
+    const int32_t placeCount = network.wordPlaceCount;
+    for (int32_t at = 0; at < placeCount; ++at) {
+        laneWords[network.wordPlaces[at].lane] = state[network.wordPlaces[at].word];
+    }
+    Lanes s0[vectorCount];
+    Lanes s1[vectorCount];
+    Lanes y[vectorCount];
+    for (int32_t v = 0; v < vectorCount; ++v) {
+        s0[v] = Load(laneWords + v * lanesPerVector);
+        s1[v] = Load(laneWords + maxNetworkLanes + v * lanesPerVector);
+        y[v] = Lanes{};
+    }
+
+    const LaneBits unitOfLane = {0, 0, 1, 1, 2, 2, 3, 3};
+
+    // The lines' positions are plain integers kept in float slots of the state table, so
+    // they are moved as bits, never converted.
+    int32_t linePositions[allPassLineCount];
+    float* lines[allPassLineCount];
+    for (int32_t line = 0; line < allPassLineCount; ++line) {
+        std::memcpy(&linePositions[line], tail.lineWords[line], sizeof(int32_t));
+        lines[line] = tail.lineWords[line] + 1;
+    }
+    const float a0 = tail.ambienceRecord[0], a1 = tail.ambienceRecord[1], a2 = tail.ambienceRecord[2],
+                a3 = tail.ambienceRecord[3], a4 = tail.ambienceRecord[4];
+    float ambienceS0 = tail.ambienceState[0];
+    float ambienceS1 = tail.ambienceState[1];
+
+    alignas(32) float rows[maxSteps][rowLength];
+    if (count > 0) {
+        for (int32_t step = positions.first; step < positions.last + count; ++step) {
+            const int32_t enteringSample = step - positions.first;
+            const float entering = enteringSample < count ? input[enteringSample] : 0.0f;
+            // From the last vector down, so that y of v - 1 still holds the previous step.
+#pragma GCC unroll 5
+            for (int32_t v = vectorCount - 1; v >= 0; --v) {
+                const PackedNetwork::Vector& c = network.vectors[v];
+                const int32_t firstUnitSample = step - v * unitsPerVector;
+                const int32_t firstWorking = std::max(v * unitsPerVector, positions.first);
+                const int32_t lastWorking = std::min(v * unitsPerVector + unitsPerVector - 1, positions.last);
+                if (step < firstWorking || step > lastWorking + count - 1) continue;
+                Lanes x;
+                if (v == 0 && preSectionCount == 0) {
+                    const float gained = entering * positionGain;
+                    const Lanes below = {gained, gained, gained, gained, gained, gained, gained, gained};
+                    x = __builtin_shufflevector(below, y[0], 7, 7, 9, 9, 11, 11, 13, 13);
+                } else if (v == 0) {
+                    const Lanes below = {entering, entering, entering, entering,
+                                         entering, entering, entering, entering};
+                    if constexpr (preSectionCount == 1) {
+                        x = below;
+                    } else {
+                        x = __builtin_shufflevector(below, y[0], 0, 0, 0, 0, 0, 0, 13, 13);
+                    }
+                } else if (v * unitsPerVector == positions.chainStart) {
+                    x = __builtin_shufflevector(y[v > 0 ? v - 1 : 0] * positionGain, y[v], 7, 7, 9,
+                                                9, 11, 11, 13, 13);
+                } else {
+                    x = __builtin_shufflevector(y[v > 0 ? v - 1 : 0], y[v], 7, 7, 9, 9, 11, 11, 13, 13);
+                }
+                const Lanes oldS0 = s0[v];
+                const Lanes oldS1 = s1[v];
+                const Lanes out = Load(c.c0) * x + oldS0;
+                Lanes nextS0 = ((oldS0 + oldS1) + Load(c.c1) * x) - Load(c.c3) * out;
+                Lanes nextS1;
+                if (!c.needsForcing) {
+                    nextS1 = (oldS1 + Load(c.c2) * x) - Load(c.c4) * out;
+                } else {
+                    const Lanes c2x = KeepOrForce(Load(c.c2) * x, c.keepC2X, c.forcedC2X);
+                    nextS1 = (oldS1 + c2x) - Load(c.c4) * out;
+                    nextS0 = KeepOrForce(nextS0, c.keepS0, c.forcedS0);
+                    nextS1 = KeepOrForce(nextS1, c.keepS1, c.forcedS1);
+                }
+                if (step < lastWorking || step > firstWorking + count - 1) {
+                    const LaneBits sampleOfLane = firstUnitSample - unitOfLane;
+                    const LaneBits working = (sampleOfLane >= 0) & (sampleOfLane < count);
+                    nextS0 = Select(working, nextS0, oldS0);
+                    nextS1 = Select(working, nextS1, oldS1);
+                }
+                s0[v] = nextS0;
+                s1[v] = nextS1;
+                y[v] = out;
+                std::memcpy(&rows[step][v * lanesPerVector], &out, sizeof out);
+            }
+        }
+    }
+
+    // The final tap first, then the stage taps from the last to the first: this order fixes
+    // the rounding. Unit u's tap of sample i is in row i + u at lane 2u.
+    float direct[controlPeriod];
+    for (int32_t i = 0; i < count; ++i) {
+        const float* row = &rows[i][0];
+        float sum = row[positions.last * (rowLength + 2)];
+#pragma GCC unroll 12
+        for (int32_t stage = stageCount - 1; stage >= 0; --stage) {
+            sum = sum + row[(positions.chainStart + stage) * (rowLength + 2)];
+        }
+        direct[i] = sum;
+    }
+
+    // Each line's delay is longer than a period, so no sample of the call reads a place the
+    // call has written: a line runs as at most two stretches without a wrap test, each free
+    // of carried dependencies.
+    float diffused[controlPeriod];
+    const float* lineInput = direct;
+    for (int32_t line = 0; line < allPassLineCount; ++line) {
+        float* delays = lines[line];
+        const int32_t length = tail.lineLengths[line];
+        const int32_t position = linePositions[line];
+        const int32_t firstRun = std::min(count, length - position);
+        float* at = delays + position;
+        for (int32_t i = 0; i < firstRun; ++i) {
+            const float delayed = at[i];
+            const float written = -allPassGain * delayed + lineInput[i];
+            at[i] = written;
+            diffused[i] = delayed + allPassGain * written;
+        }
+        for (int32_t i = firstRun; i < count; ++i) {
+            const float delayed = delays[i - firstRun];
+            const float written = -allPassGain * delayed + lineInput[i];
+            delays[i - firstRun] = written;
+            diffused[i] = delayed + allPassGain * written;
+        }
+        linePositions[line] = position + count >= length ? position + count - length : position + count;
+        lineInput = diffused;
+    }
+
+    for (int32_t i = 0; i < count; ++i) {
+        const float x = diffused[i];
+        const float ambience = a0 * x + ambienceS0;
+        const float nextS0 = ((ambienceS0 + ambienceS1) + a1 * x) - a3 * ambience;
+        ambienceS1 = (ambienceS1 + a2 * x) - a4 * ambience;
+        ambienceS0 = nextS0;
+        diffused[i] = ambience;
+    }
+    for (int32_t i = 0; i < count; ++i) {
+        const float wet = diffused[i] * tail.ambienceGain;
+        output[i] = (direct[i] * tail.directGain + wet) * tail.outputGain;
+    }
+
+    for (int32_t line = 0; line < allPassLineCount; ++line) {
+        std::memcpy(tail.lineWords[line], &linePositions[line], sizeof(int32_t));
+    }
+    tail.ambienceState[0] = FlushTinyState(ambienceS0);
+    tail.ambienceState[1] = FlushTinyState(ambienceS1);
+
+    const Lanes tiny = Lanes{} + 1e-30f;
+    const LaneBits magnitudeBits = LaneBits{} + 0x7fffffff;
+    for (int32_t v = 0; v < vectorCount; ++v) {
+        // The small-value test of every word at once: below 1e-30 in magnitude becomes +0.0;
+        // a not-a-number compares false and stays.
+        const Lanes s0Magnitude = reinterpret_cast<Lanes>(reinterpret_cast<LaneBits>(s0[v]) & magnitudeBits);
+        const Lanes s1Magnitude = reinterpret_cast<Lanes>(reinterpret_cast<LaneBits>(s1[v]) & magnitudeBits);
+        const Lanes s0Kept = Select(s0Magnitude < tiny, Lanes{}, s0[v]);
+        const Lanes s1Kept = Select(s1Magnitude < tiny, Lanes{}, s1[v]);
+        std::memcpy(laneWords + v * lanesPerVector, &s0Kept, sizeof(Lanes));
+        std::memcpy(laneWords + maxNetworkLanes + v * lanesPerVector, &s1Kept, sizeof(Lanes));
+    }
+    for (int32_t at = 0; at < placeCount; ++at) {
+        state[network.wordPlaces[at].word] = laneWords[network.wordPlaces[at].lane];
+    }
+}
+
+template <int32_t preSectionCount, int32_t stageCount>
+void RunBaseline(const PackedNetwork& network, const NetworkTail& tail, const float* input,
+                 float* output, int32_t count, float positionGain, float* state) noexcept
+{
+    RunSteps<preSectionCount, stageCount>(network, tail, input, output, count, positionGain, state);
+}
+
+#if defined(__x86_64__) || defined(__i386__)
+// The same steps with eight-lane instructions, where the processor has them. The additions
+// and multiplications are the same IEEE operations in either width; no fused multiply-add.
+template <int32_t preSectionCount, int32_t stageCount>
+[[gnu::target("avx2")]] void RunWide(const PackedNetwork& network, const NetworkTail& tail,
+                                     const float* input, float* output, int32_t count,
+                                     float positionGain, float* state) noexcept
+{
+    RunSteps<preSectionCount, stageCount>(network, tail, input, output, count, positionGain, state);
+}
+
+bool ProcessorHasWideLanes()
+{
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx2");
+}
+#endif
+
+std::atomic<bool> baselineOnly{false};
+
+template <int32_t preSectionCount, int32_t stageCount>
+NetworkKernel ChooseKernel()
+{
+#if defined(__x86_64__) || defined(__i386__)
+    if (!baselineOnly.load(std::memory_order_relaxed) && ProcessorHasWideLanes()) {
+        return &RunWide<preSectionCount, stageCount>;
+    }
+#endif
+    return &RunBaseline<preSectionCount, stageCount>;
+}
+
+template <int32_t preSectionCount>
+NetworkKernel ChooseKernel(int32_t stageCount)
+{
+    switch (stageCount) {
+    case 10: return ChooseKernel<preSectionCount, 10>();
+    case 11: return ChooseKernel<preSectionCount, 11>();
+    case 12: return ChooseKernel<preSectionCount, 12>();
+    default: return nullptr;
+    }
+}
+
+}  // namespace
+
+void UseBaselineKernels(bool baseline)
+{
+    baselineOnly.store(baseline, std::memory_order_relaxed);
+}
+
+PackedNetwork PackNetwork(const ChainLayout& chain, int32_t preSectionCount,
+                          const float* preRecords, int32_t preWords, const float* chainRecords,
+                          int32_t chainWords)
+{
+    PackedNetwork network{};
+    for (int32_t lane = 0; lane < maxNetworkLanes; ++lane) {
+        PackLane(network, lane, LaneKind::idle, nullptr, 0);
+    }
+
+    const NetworkPositions positions = PositionsOf(preSectionCount, chain.stageCount);
+    for (int32_t section = 0; section < preSectionCount; ++section) {
+        PackLane(network, 2 * (positions.first + section) + 1, LaneKind::secondOrder,
+                 preRecords + section * secondOrderRecordLength, preWords + section * 2);
+    }
+    for (int32_t stage = 0; stage < chain.stageCount; ++stage) {
+        const StageLayout& layout = chain.stages[stage];
+        const float* record = chainRecords + layout.recordOffset;
+        const int32_t word = chainWords + layout.stateOffset;
+        const int32_t tapLane = 2 * (positions.chainStart + stage);
+        switch (layout.kind) {
+        case StageKind::firstOrder:
+            PackLane(network, tapLane, LaneKind::firstOrder, record, word);
+            PackLane(network, tapLane + 1, LaneKind::firstOrder, record + firstOrderRecordLength, word + 1);
+            break;
+        case StageKind::secondOrder:
+            PackLane(network, tapLane, LaneKind::secondOrder, record, word);
+            PackLane(network, tapLane + 1, LaneKind::secondOrder, record + secondOrderRecordLength, word + 2);
+            break;
+        case StageKind::reduced:
+            PackLane(network, tapLane, LaneKind::reduced, record, word);
+            PackLane(network, tapLane + 1, LaneKind::secondOrder, record + reducedRecordLength, word + 2);
+            break;
+        case StageKind::tapOnly:
+            PackLane(network, tapLane, LaneKind::firstOrder, record, word);
+            PackLane(network, tapLane + 1, LaneKind::passThrough, nullptr, 0);
+            break;
+        }
+    }
+    PackLane(network, 2 * positions.last,
+             chain.finalKind == FinalTapKind::secondOrder ? LaneKind::secondOrder : LaneKind::reduced,
+             chainRecords + chain.finalRecordOffset, chainWords + chain.finalStateOffset);
+
+    switch (preSectionCount) {
+    case 0: network.kernel = ChooseKernel<0>(chain.stageCount); break;
+    case 1: network.kernel = ChooseKernel<1>(chain.stageCount); break;
+    case 2: network.kernel = ChooseKernel<2>(chain.stageCount); break;
+    default: break;
+    }
+    return network;
+}
+
+}  // namespace tarnlow::speaker_network

@@ -64,6 +64,7 @@ void PackLane(PackedNetwork& network, int32_t lane, LaneKind kind, const float* 
         hasS0 = hasC2X = hasS1 = false;
         break;
     case LaneKind::idle:
+        // Runs free: none of its words or outputs is read.
         break;
     }
     vector.c0[at] = c[0];
@@ -77,7 +78,9 @@ void PackLane(PackedNetwork& network, int32_t lane, LaneKind kind, const float* 
     vector.forcedC2X[at] = hasC2X ? 0 : negativeZeroBits;
     vector.keepS1[at] = hasS1 ? allBits : 0;
     vector.forcedS1[at] = hasS1 ? 0 : negativeZeroBits;
-    vector.needsForcing = vector.needsForcing || (kind != LaneKind::secondOrder && kind != LaneKind::idle);
+    vector.forcesS0 = vector.forcesS0 || !hasS0;
+    vector.forcesC2X = vector.forcesC2X || (!hasC2X && hasS1);
+    vector.forcesS1 = vector.forcesS1 || !hasS1;
     for (int32_t word = 0; word < words; ++word) {
         network.wordPlaces[network.wordPlaceCount++] = {static_cast<int16_t>(firstWord + word),
                                                        static_cast<uint8_t>(lane + word * maxNetworkLanes)};
@@ -183,15 +186,11 @@ template <int32_t preSectionCount, int32_t stageCount>
                 const Lanes oldS1 = s1[v];
                 const Lanes out = Load(c.c0) * x + oldS0;
                 Lanes nextS0 = ((oldS0 + oldS1) + Load(c.c1) * x) - Load(c.c3) * out;
-                Lanes nextS1;
-                if (!c.needsForcing) {
-                    nextS1 = (oldS1 + Load(c.c2) * x) - Load(c.c4) * out;
-                } else {
-                    const Lanes c2x = KeepOrForce(Load(c.c2) * x, c.keepC2X, c.forcedC2X);
-                    nextS1 = (oldS1 + c2x) - Load(c.c4) * out;
-                    nextS0 = KeepOrForce(nextS0, c.keepS0, c.forcedS0);
-                    nextS1 = KeepOrForce(nextS1, c.keepS1, c.forcedS1);
-                }
+                Lanes c2x = Load(c.c2) * x;
+                if (c.forcesC2X) c2x = KeepOrForce(c2x, c.keepC2X, c.forcedC2X);
+                Lanes nextS1 = (oldS1 + c2x) - Load(c.c4) * out;
+                if (c.forcesS0) nextS0 = KeepOrForce(nextS0, c.keepS0, c.forcedS0);
+                if (c.forcesS1) nextS1 = KeepOrForce(nextS1, c.keepS1, c.forcedS1);
                 if (step < lastWorking || step > firstWorking + count - 1) {
                     const LaneBits sampleOfLane = firstUnitSample - unitOfLane;
                     const LaneBits working = (sampleOfLane >= 0) & (sampleOfLane < count);
@@ -201,7 +200,8 @@ template <int32_t preSectionCount, int32_t stageCount>
                 s0[v] = nextS0;
                 s1[v] = nextS1;
                 y[v] = out;
-                std::memcpy(&rows[step][v * lanesPerVector], &out, sizeof out);
+                // The pre-sections' vector has no tap to keep.
+                if (v > 0 || preSectionCount == 0) std::memcpy(&rows[step][v * lanesPerVector], &out, sizeof out);
             }
         }
     }

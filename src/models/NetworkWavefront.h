@@ -86,7 +86,12 @@ struct PackedNetwork {
         int32_t keepS0[lanesPerVector], forcedS0[lanesPerVector];
         int32_t keepC2X[lanesPerVector], forcedC2X[lanesPerVector];
         int32_t keepS1[lanesPerVector], forcedS1[lanesPerVector];
-        bool needsForcing = false;  // some lane is reduced, first order or pass-through
+        // Some lane lacks s0 (pass-through), the product c2 x (reduced; a lane without s1
+        // needs no forcing of the product, since its s1 is forced) or s1 (first order,
+        // pass-through).
+        bool forcesS0 = false;
+        bool forcesC2X = false;
+        bool forcesS1 = false;
     };
     Vector vectors[maxNetworkVectors];
     // Where each state word of the network stands in the model's state table, and its place

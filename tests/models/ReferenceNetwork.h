@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -18,13 +19,9 @@ namespace tarnlow::testing {
 inline std::string ExpandPlan(std::string_view plan)
 {
     std::string letters;
-    std::size_t at = 0;
-    while (at < plan.size()) {
-        if (plan[at] == ' ') {
-            ++at;
-            continue;
-        }
+    for (std::size_t at = 0; at < plan.size();) {
         const char letter = plan[at++];
+        if (letter == ' ') continue;
         int repeat = 0;
         while (at < plan.size() && plan[at] >= '0' && plan[at] <= '9') repeat = repeat * 10 + (plan[at++] - '0');
         letters.append(std::size_t(repeat == 0 ? 1 : repeat), letter);
@@ -41,7 +38,6 @@ inline int RecordLength(RecordKind kind)
 
 // The records of one stage letter in table order: tap, then through if there is one.
 struct StageRecords {
-    char letter;
     RecordKind tap;
     bool hasThrough;
     RecordKind through;
@@ -50,24 +46,20 @@ struct StageRecords {
 inline StageRecords RecordsOf(char letter)
 {
     switch (letter) {
-    case 'F': return {letter, RecordKind::firstOrder, true, RecordKind::firstOrder};
-    case 'S': return {letter, RecordKind::secondOrder, true, RecordKind::secondOrder};
-    case 'Z': return {letter, RecordKind::reduced, true, RecordKind::secondOrder};
-    case 'f': return {letter, RecordKind::firstOrder, false, RecordKind::firstOrder};
-    case 'T': return {letter, RecordKind::secondOrder, false, RecordKind::secondOrder};
-    case 'U': return {letter, RecordKind::reduced, false, RecordKind::secondOrder};
+    case 'F': return {RecordKind::firstOrder, true, RecordKind::firstOrder};
+    case 'S': return {RecordKind::secondOrder, true, RecordKind::secondOrder};
+    case 'Z': return {RecordKind::reduced, true, RecordKind::secondOrder};
+    case 'f': return {RecordKind::firstOrder, false, RecordKind::firstOrder};
+    case 'T': return {RecordKind::secondOrder, false, RecordKind::secondOrder};
+    case 'U': return {RecordKind::reduced, false, RecordKind::secondOrder};
     }
     throw std::invalid_argument("unknown stage letter");
 }
 
-inline int ChainRecordLength(std::string_view plan)
+inline int StageLength(char letter)
 {
-    int length = 0;
-    for (char letter : ExpandPlan(plan)) {
-        const StageRecords records = RecordsOf(letter);
-        length += RecordLength(records.tap) + (records.hasThrough ? RecordLength(records.through) : 0);
-    }
-    return length;
+    const StageRecords records = RecordsOf(letter);
+    return RecordLength(records.tap) + (records.hasThrough ? RecordLength(records.through) : 0);
 }
 
 // First constant of chain k, of both gain tables and of the ambience data, found by walking the
@@ -89,7 +81,8 @@ inline ConstantWalk WalkConstants(const ModelEntry& model)
         at += 4;
         for (int position = 0; position < 3; ++position) {
             walk.chain[branch * 3 + position] = at;
-            at += ChainRecordLength(model.tableChainPlans[std::size_t(branch * 3 + position)]);
+            for (char letter : ExpandPlan(model.tableChainPlans[std::size_t(branch * 3 + position)]))
+                at += StageLength(letter);
         }
     }
     walk.ambienceRecord = at;
@@ -106,32 +99,25 @@ class ReferenceNetwork {
 public:
     ReferenceNetwork(const ModelEntry& model, int type, int position)
     {
-        const std::span<const float> table = model.constants;
+        const float* table = model.constants.data();
         const ConstantWalk walk = WalkConstants(model);
-        for (int p = 0; p < model.tablePreSectionCount; ++p) pre.push_back(MakeSection(RecordKind::secondOrder, &table[std::size_t(p * 5)]));
-
+        for (int p = 0; p < model.tablePreSectionCount; ++p) pre.push_back(MakeSection(RecordKind::secondOrder, table + p * 5));
         const int chain = type * 3 + position;
-        int at = walk.chain[chain];
+        const float* record = table + walk.chain[chain];
         for (char letter : ExpandPlan(model.tableChainPlans[std::size_t(chain)])) {
             const StageRecords records = RecordsOf(letter);
-            Stage stage;
-            stage.tap = MakeSection(records.tap, &table[std::size_t(at)]);
-            at += RecordLength(records.tap);
-            stage.hasThrough = records.hasThrough;
-            if (records.hasThrough) {
-                stage.through = MakeSection(records.through, &table[std::size_t(at)]);
-                at += RecordLength(records.through);
-            }
+            Stage stage{MakeSection(records.tap, record), records.hasThrough, {}};
+            if (records.hasThrough) stage.through = MakeSection(records.through, record + RecordLength(records.tap));
+            record += StageLength(letter);
             if (letter == 'T' || letter == 'U') {
                 finalTap = stage.tap;
             } else {
                 stages.push_back(stage);
             }
         }
-        ambience = MakeSection(RecordKind::secondOrder, &table[std::size_t(walk.ambienceRecord)]);
-        positionGain = table[std::size_t(walk.gainTable[type] + position)];
-        ambienceGain = table[std::size_t(walk.ambienceGainTable + position)];
-
+        ambience = MakeSection(RecordKind::secondOrder, table + walk.ambienceRecord);
+        positionGain = table[walk.gainTable[type] + position];
+        ambienceGain = table[walk.ambienceGainTable + position];
         const BandInfo& band = bandCatalogue[std::size_t(model.band)];
         directGain = band.directGain;
         outputGain = band.outputGainMagnitude;
@@ -162,23 +148,12 @@ private:
         Section through;
     };
 
-    static Section MakeSection(RecordKind kind, const float* record)
+    // A reduced record has no c2; a first-order one keeps its denominator in c2.
+    static Section MakeSection(RecordKind kind, const float* r)
     {
-        Section section;
-        section.kind = kind;
-        section.c0 = record[0];
-        section.c1 = record[1];
-        if (kind == RecordKind::secondOrder) {
-            section.c2 = record[2];
-            section.c3 = record[3];
-            section.c4 = record[4];
-        } else if (kind == RecordKind::reduced) {
-            section.c3 = record[2];
-            section.c4 = record[3];
-        } else {
-            section.c2 = record[2];
-        }
-        return section;
+        if (kind == RecordKind::secondOrder) return {kind, r[0], r[1], r[2], r[3], r[4]};
+        if (kind == RecordKind::reduced) return {kind, r[0], r[1], 0, r[2], r[3]};
+        return {kind, r[0], r[1], r[2]};
     }
 
     static Sample Filter(Section& section, Sample x)
@@ -229,24 +204,20 @@ private:
         return (x * directGain + r * ambienceGain) * outputGain;
     }
 
-    static void Settle(Sample& word)
-    {
-        if (std::fabs(word) < Sample(1e-30f)) word = Sample(0);
-    }
-    static void Settle(Section& section)
-    {
-        Settle(section.s0);
-        Settle(section.s1);
-    }
+    // Section states below 1e-30 in magnitude go to zero; the delay lines have no such test.
     void SettleStates()
     {
-        for (Section& section : pre) Settle(section);
+        const auto settle = [](Section& section) {
+            for (Sample* word : {&section.s0, &section.s1})
+                if (std::fabs(*word) < Sample(1e-30f)) *word = Sample(0);
+        };
+        for (Section& section : pre) settle(section);
         for (Stage& stage : stages) {
-            Settle(stage.tap);
-            Settle(stage.through);
+            settle(stage.tap);
+            settle(stage.through);
         }
-        Settle(finalTap);
-        Settle(ambience);
+        settle(finalTap);
+        settle(ambience);
     }
 
     std::vector<Section> pre;
@@ -259,11 +230,16 @@ private:
     Sample positionGain = 0, ambienceGain = 0, directGain = 0, outputGain = 0;
 };
 
-// The model's response to a unit impulse through the frame: a fresh amp, both parameter
-// values stored, one block of `length` samples.
-inline std::vector<float> ModelImpulseResponse(const ModelEntry& model, float typeValue,
-                                               float positionValue, int length)
+// The model's response to a unit impulse from a fresh amp with both parameter values stored.
+// Through the frame (`direct` false) it is one block of `length` samples. Direct, the model is
+// driven as the frame drives it but without the frame's block-level steps (its silence
+// clearing would zero sample 0 of a long, decayed response): flush-to-zero, one immediate
+// update, then periods of 16 samples each followed by a regular update.
+inline std::vector<float> ImpulseResponseOf(const ModelEntry& model, float typeValue, float positionValue, int length,
+                                            bool direct)
 {
+    std::optional<FlushToZeroScope> flushToZero;  // the frame sets its own
+    if (direct) flushToZero.emplace();
     std::unique_ptr<CQuorvexAmp> amp = model.create();
     amp->Initialise();
     amp->parameters[0].StoreValue(typeValue);
@@ -271,28 +247,14 @@ inline std::vector<float> ModelImpulseResponse(const ModelEntry& model, float ty
     std::vector<float> buffer(std::size_t(length), 0.0f);
     buffer[0] = 1.0f;
     float* channel = buffer.data();
-    amp->ProcessBlock(&channel, &channel, length, 1.0f, nullptr, 0);
-    return buffer;
-}
-
-// The same response with the model driven as the frame drives it, but without the frame's
-// block-level steps (its silence clearing would zero sample 0 of a long, decayed response):
-// flush-to-zero, one immediate update, then periods of 16 samples each followed by a
-// regular update.
-inline std::vector<float> DirectImpulseResponse(const ModelEntry& model, float typeValue,
-                                                float positionValue, int length)
-{
-    const FlushToZeroScope flushToZero;
-    std::unique_ptr<CQuorvexAmp> amp = model.create();
-    amp->Initialise();
-    amp->parameters[0].StoreValue(typeValue);
-    amp->parameters[1].StoreValue(positionValue);
+    if (!direct) {
+        amp->ProcessBlock(&channel, &channel, length, 1.0f, nullptr, 0);
+        return buffer;
+    }
     amp->Update(true, 0, 0);
-    std::vector<float> buffer(std::size_t(length), 0.0f);
-    buffer[0] = 1.0f;
     for (int at = 0; at < length; at += controlPeriod) {
-        float* chunk = buffer.data() + at;
-        amp->Process(&chunk, &chunk, std::min(controlPeriod, length - at), false, false, nullptr, 0);
+        channel = buffer.data() + at;
+        amp->Process(&channel, &channel, std::min(controlPeriod, length - at), false, false, nullptr, 0);
         amp->Update(false, 0, 0);
     }
     return buffer;

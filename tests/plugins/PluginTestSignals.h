@@ -61,11 +61,11 @@ inline float LargestStep(const std::vector<float>& signal, std::size_t begin, st
     return largest;
 }
 
-inline double Rms(const std::vector<float>& signal, std::size_t begin = 0)
+inline double Rms(const std::vector<float>& signal)
 {
     double sum = 0.0;
-    for (std::size_t n = begin; n < signal.size(); ++n) sum += double(signal[n]) * signal[n];
-    return std::sqrt(sum / double(signal.size() - begin));
+    for (const float sample : signal) sum += double(sample) * sample;
+    return std::sqrt(sum / double(signal.size()));
 }
 
 }  // namespace tarnlow::lv2::testing

@@ -43,29 +43,22 @@ def test_bulk_delay_and_excess_phase_are_removed(analog_min_phase):
 
 def test_smoothing_keeps_a_flat_response_and_a_power_level():
     grid = rs.log_grid(20.0, 20000.0)
-    flat = np.full(grid.shape, 3.0)
-    assert np.allclose(rs.smooth_power(grid, flat, 1 / 6), 3.0)
+    assert np.allclose(rs.smooth_power(grid, np.full(grid.shape, 3.0), 1 / 6), 3.0)
     # two equal-power sources, incoherent on average: a comb smooths to their power sum
-    tau = 0.002
-    comb = np.abs(1.0 + np.exp(-2j * np.pi * grid * tau))
-    smoothed = rs.smooth_power(grid, comb, 1 / 3)
+    comb = np.abs(1.0 + np.exp(-2j * np.pi * grid * 0.002))
     high = grid > 4000.0
-    assert np.max(np.abs(20 * np.log10(smoothed[high] / np.sqrt(2.0)))) < 0.3
+    assert np.max(np.abs(20 * np.log10(rs.smooth_power(grid, comb, 1 / 3)[high] / np.sqrt(2.0)))) < 0.3
     assert np.max(np.abs(20 * np.log10(comb[high] / np.sqrt(2.0)))) > 20.0
+    with pytest.raises(ValueError):  # only on a logarithmic grid
+        rs.smooth_power(np.linspace(20.0, 20000.0, 500), np.ones(500), 1 / 6)
 
 
 @pytest.mark.parametrize("fraction", [1 / 6, 1 / 3])
 def test_smoothing_window_is_the_stated_fraction_of_an_octave_at_half_height(fraction):
     grid = rs.log_grid(100.0, 10000.0)
     spike = np.zeros(grid.shape)
-    centre = len(grid) // 2
-    spike[centre] = 1.0
+    spike[len(grid) // 2] = 1.0
     power = rs.smooth_power(grid, spike, fraction) ** 2
     above = np.log2(grid[power >= 0.5 * power.max()])
     # the half-height width of the sampled window, within one grid step
     assert abs((above[-1] - above[0]) - fraction) <= 1.0 / rs.POINTS_PER_OCTAVE + 1e-9
-
-
-def test_smoothing_refuses_a_grid_that_is_not_logarithmic():
-    with pytest.raises(ValueError):
-        rs.smooth_power(np.linspace(20.0, 20000.0, 500), np.ones(500), 1 / 6)

@@ -7,7 +7,6 @@ import numpy as np
 import pytest
 
 from speakerlab import acoustics as ac
-from speakerlab import catalogue as cat
 from speakerlab import design
 from speakerlab import response as rs
 from speakerlab import rig
@@ -24,11 +23,9 @@ def test_rayleigh_integral_on_axis_matches_the_closed_form(z):
     freqs = np.geomspace(20.0, 20000.0, 120)
     k = 2 * np.pi * freqs / C
     radius = 0.1275 / np.sqrt(1.0 + (freqs / 1300.0) ** 2)
-    p, u = ac.rayleigh_disc(k, radius, (0.0, 0.0), z)
-    p_exact, u_exact = ac.piston_on_axis(k, radius, z)
-    assert np.max(np.abs(_db(p / p_exact))) < 0.01
+    (p, u), (p_exact, u_exact) = ac.rayleigh_disc(k, radius, (0.0, 0.0), z), ac.piston_on_axis(k, radius, z)
+    assert np.max(np.abs(_db(p / p_exact))) < 0.01 and np.max(np.abs(np.angle(p / p_exact))) < 0.002
     assert np.max(np.abs(_db(u / u_exact))) < 0.05
-    assert np.max(np.abs(np.angle(p / p_exact))) < 0.002
 
 
 def test_rayleigh_integral_off_axis_in_the_far_field_is_the_piston_directivity():
@@ -49,8 +46,7 @@ def test_proximity_effect_of_the_piston_near_field():
     """At low frequencies on the axis Uz / P tends to 1 / (j k R), R the distance to the rim:
     the velocity term of a pressure-gradient microphone rises 6 dB per octave."""
     z, a = 0.02, 0.1275
-    freqs = np.array([20.0, 40.0])
-    k = 2 * np.pi * freqs / C
+    k = 2 * np.pi * np.array([20.0, 40.0]) / C
     p, u = ac.piston_on_axis(k, np.full(2, a), z)
     ratio = u / p
     assert np.allclose(ratio.imag, -1.0 / (k * math.hypot(z, a)), rtol=0.01)
@@ -64,88 +60,83 @@ def test_closed_box_resonance_and_q_follow_the_small_signal_rules():
     values = rig.default_values()
     drv = rig.driver(values, "g12")
     drv.le = drv.l2 = 0.0
-    drv.r2 = 1.0
-    drv.mu = 1.0
+    drv.r2 = drv.mu = 1.0
     drv.modes, drv.tops = [], []
     cab = rig.cabinet(values, "4x12")
-    cab.qb = 0.0
-    cab.fixed_wave = False
+    cab.qb, cab.fixed_wave = 0.0, False
     ratio = math.sqrt(1.0 + drv.vas / cab.vb)
     fc, qtc = drv.fs * ratio, drv.qts * ratio
     freqs = np.geomspace(fc / 4, fc * 4, 4001)
-    u = rig.motion(drv, cab, freqs, 1.204, C).velocity
     # velocity is a band-pass: real at resonance, 3 dB down where |phase| is 45 degrees
-    phase = np.angle(u)
-    centre = freqs[np.argmin(np.abs(phase))]
-    assert centre == pytest.approx(fc, rel=1e-3)
+    phase = np.angle(rig.motion(drv, cab, freqs, 1.204, C).velocity)
+    assert freqs[np.argmin(np.abs(phase))] == pytest.approx(fc, rel=1e-3)
     half = freqs[np.abs(phase) <= math.pi / 4]
     assert fc / (half[-1] - half[0]) == pytest.approx(qtc, rel=0.01)
 
 
 def test_port_takes_over_from_the_cone_at_the_box_tuning():
     values = rig.default_values()
-    drv = rig.driver(values, "b10")
-    cab = rig.cabinet(values, "4x10Bass")
+    drv, cab = rig.driver(values, "b10"), rig.cabinet(values, "4x10Bass")
     freqs = np.geomspace(2.0, 200.0, 2000)
     move = rig.motion(drv, cab, freqs, 1.204, C)
-    cone = np.abs(move.velocity)
     near = (freqs > 0.7 * cab.fb) & (freqs < 1.4 * cab.fb)
-    assert freqs[near][np.argmin(cone[near])] == pytest.approx(cab.fb, rel=0.03)
+    assert freqs[near][np.argmin(np.abs(move.velocity)[near])] == pytest.approx(cab.fb, rel=0.03)
     # far below the tuning the port's air moves against the cones: the sum vanishes as f^2
     total = 4 * drv.sd * move.velocity[0] / drv.break_up(freqs[:1])[0] + move.port[0]
     assert abs(total) < 0.01 * abs(move.port[0])
 
 
-def test_floor_reflection_notch_of_the_distant_position():
-    """One driver with the rear wave silenced: the distant response over the response
-    without floor has its first notch where the image path is half a wavelength longer."""
+def test_distant_position_of_the_open_back():
+    """The rear wave cancels the lows; with it silenced, the floor reflection's first notch sits
+    where the image path is half a wavelength longer."""
     values = rig.default_values()
+    ends = rig.response(values, "1x12", 0, 2, np.array([40.0, 1000.0]))
     values[("1x12", "rear_gain")] = 0.0
+    lows = _db(ends / rig.response(values, "1x12", 0, 2, np.array([40.0, 1000.0])))
+    assert lows[0] < -3.0 and abs(lows[1]) < 1.0
     freqs = np.geomspace(150.0, 1500.0, 800)
     with_floor = rig.response(values, "1x12", 0, 2, freqs)
     values[("pos", "floor")] = 0.0
     without = rig.response(values, "1x12", 0, 2, freqs)
-    y, z = values[("1x12", "centre_y")], values[("pos", "far_z")]
-    extra = math.hypot(z, 2 * y) - z
-    notch = freqs[np.argmin(np.abs(with_floor / without))]
-    assert notch == pytest.approx(C / (2 * extra), rel=0.05)
+    z = values[("pos", "far_z")]
+    extra = math.hypot(z, 2 * values[("1x12", "centre_y")]) - z
+    assert freqs[np.argmin(np.abs(with_floor / without))] == pytest.approx(C / (2 * extra), rel=0.05)
 
 
-def test_open_back_rear_wave_cancels_the_lows_at_a_distance():
+def test_close_positions_hear_mostly_one_driver_the_distant_one_all_and_the_ribbon_more_proximity():
     values = rig.default_values()
-    freqs = np.array([40.0, 1000.0])
-    open_back = rig.response(values, "1x12", 0, 2, freqs)
-    values[("1x12", "rear_gain")] = 0.0
-    baffled = rig.response(values, "1x12", 0, 2, freqs)
-    lows = _db(open_back / baffled)
-    assert lows[0] < -3.0 and abs(lows[1]) < 1.0
-
-
-def test_ribbon_hears_more_proximity_than_the_cardioid():
-    values = rig.default_values()
-    freqs = np.array([60.0, 2000.0])
+    freqs = np.array([200.0])
+    close = rig.source_fields(values, "4x12", 0, freqs)["cones"][0]
+    far = rig.source_fields(values, "4x12", 2, freqs)["cones"][0]
+    drv = rig.driver(values, "g12")
+    assert len(rig.cabinet(values, "4x12").drivers) == 4
+    k = 2 * np.pi * freqs / C
+    own, _ = ac.piston_on_axis(k, drv.effective_radius(freqs), values[("pos", "cap_z")])
+    assert abs(close[0] - own[0]) < 0.7 * abs(own[0])
+    single = ac.rayleigh_disc(k, drv.effective_radius(freqs), (0.175, 0.175), values[("pos", "far_z")],
+                              rings=16, spokes=48)[0]
+    # four drivers and their floor images add up to several times one driver
+    assert abs(far[0]) > 3.0 * abs(single[0])
+    tilt = np.array([60.0, 2000.0])
     for position in (0, 1):
-        cardioid = _db(rig.response(values, "4x12", 0, position, freqs) / rig.capsule(values, 0, freqs))
-        ribbon = _db(rig.response(values, "4x12", 1, position, freqs) / rig.capsule(values, 1, freqs))
+        cardioid, ribbon = (_db(rig.response(values, "4x12", mic, position, tilt) / rig.capsule(values, mic, tilt))
+                            for mic in (0, 1))
         assert (ribbon[0] - ribbon[1]) > (cardioid[0] - cardioid[1]) + 3.0
 
 
 def test_every_parameter_has_a_source_and_tuned_values_stay_in_range(designs):
     names = [(p.group, p.name) for p in rig.PARAMETERS]
-    assert len(names) == len(set(names))
+    assert len(names) == len(set(names)) and set(rig.TUNED) <= set(names)
     assert all(p.source.strip() and p.meaning.strip() for p in rig.PARAMETERS)
-    assert set(rig.TUNED) <= set(names)
-    for d in designs.values():
-        rows = d["rig"]
-        assert [(r["group"], r["name"]) for r in rows] == names
-        values = rig.values_from_table(rows)
-        for key, (low, high) in rig.TUNED.items():
-            assert low <= values[key] <= high, key
-            assert "tuned" in next(r["source"] for r in rows if (r["group"], r["name"]) == key)
-        for key, other in rig.SAME_AS.items():
-            assert values[key] == values[other]
     tables = [rig.values_from_table(d["rig"]) for d in designs.values()]
     assert all(t == tables[0] for t in tables)
+    for rows in (d["rig"] for d in designs.values()):
+        assert [(r["group"], r["name"]) for r in rows] == names
+        for key, (low, high) in rig.TUNED.items():
+            assert low <= tables[0][key] <= high, key
+            assert "tuned" in next(r["source"] for r in rows if (r["group"], r["name"]) == key)
+    for key, other in rig.SAME_AS.items():
+        assert tables[0][key] == tables[0][other]
 
 
 def test_rig_reproduces_the_committed_targets(designs):
@@ -153,29 +144,9 @@ def test_rig_reproduces_the_committed_targets(designs):
     settings and compare their shape (the level is the gain rule's)."""
     d = designs["4x10"]
     values = rig.values_from_table(d["rig"])
-    grid = design.figure_grid()
     freqs = rs.log_grid()
     for key in ((0, 1), (1, 2)):
-        h = rig.response(values, "4x10", key[0], key[1], freqs)
-        mp = rs.smoothed_minimum_phase(freqs, h, design.SMOOTHING[key[1]])
-        fresh = mp.magnitude_db(grid)
-        stored = np.array(d["targets"]["chains"][design.key_text(key)]["db"])
-        difference = fresh - stored
+        mp = rs.smoothed_minimum_phase(freqs, rig.response(values, "4x10", key[0], key[1], freqs),
+                                       design.SMOOTHING[key[1]])
+        difference = mp.magnitude_db(design.figure_grid()) - np.array(d["targets"]["chains"][design.key_text(key)]["db"])
         assert np.max(np.abs(difference - np.mean(difference))) < 0.002
-
-
-def test_distant_position_hears_all_drivers_and_close_positions_mostly_one():
-    values = rig.default_values()
-    freqs = np.array([200.0])
-    close = rig.source_fields(values, "4x12", 0, freqs)["cones"][0]
-    far = rig.source_fields(values, "4x12", 2, freqs)["cones"][0]
-    drv = rig.driver(values, "g12")
-    cab = rig.cabinet(values, "4x12")
-    k = 2 * np.pi * freqs / C
-    own, _ = ac.piston_on_axis(k, drv.effective_radius(freqs), values[("pos", "cap_z")])
-    assert abs(close[0] - own[0]) < 0.7 * abs(own[0])
-    assert len(cab.drivers) == 4
-    single = ac.rayleigh_disc(k, drv.effective_radius(freqs), (0.175, 0.175), values[("pos", "far_z")],
-                              rings=16, spokes=48)[0]
-    # four drivers and their floor images add up to several times one driver
-    assert abs(far[0]) > 3.0 * abs(single[0])

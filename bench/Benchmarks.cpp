@@ -1,10 +1,11 @@
 // Costs of the library and of what a user would pick instead, all in one binary so that one
 // run on one machine gives every figure side by side.
 //
-//   CalcA/<speaker>/<band>/<block>     the library through its C interface
+//   CalcA/<speaker>/<band>/<block>     the library through its C interface; .../afterAllBands
+//                                       for an instance that visited every band first
 //   Network/<form>/4x12/<band>          the model alone in blocks of 64: wavefront or plain
 //   Convolution/4x12/<band>             the same response, partitioned in 64, calling thread
-//   PeakRate/<scalar|sse>               independent multiply and add chains on this core
+//   PeakRate/<scalar|sse|avx2>          independent multiply and add chains on this core
 //   Setup/...                           create, first and later rate changes, reset, switch
 //   Memory/InstanceAfterAllBands        bytes held by one instance that visited every band
 
@@ -50,9 +51,14 @@ void SetSampleCounters(benchmark::State& state, int64_t samples, double rate)
 
 // --- The library as a host calls it ------------------------------------------------------
 
-void HostBlocks(benchmark::State& state, int32_t speaker, int32_t band, int32_t block)
+// visitedAll: the instance went through every band before it settled in this one, so that
+// the cost can be compared with one that only ever knew one band.
+void HostBlocks(benchmark::State& state, int32_t speaker, int32_t band, int32_t block, bool visitedAll)
 {
     void* instance = CreateInstanceU();
+    if (visitedAll) {
+        for (const int32_t rate : rates) SetSampleRateU(instance, rate);
+    }
     SetSampleRateU(instance, rates[band]);
     SetParameterA(instance, 0, float(speaker));
     const std::vector<float> noise = Noise(1 << 16);
@@ -223,6 +229,19 @@ void PeakRateSse(benchmark::State& state)
     state.counters["Gflop/s"] = benchmark::Counter(double(flops) * 1e-9, benchmark::Counter::kIsRate);
 }
 
+// The eight-lane instructions the network uses where the processor has them.
+using WideLanes = float __attribute__((vector_size(32)));
+
+[[gnu::target("avx2")]] void PeakRateAvx2(benchmark::State& state)
+{
+    if (!__builtin_cpu_supports("avx2")) {
+        state.SkipWithError("no eight-lane instructions on this processor");
+        return;
+    }
+    const int64_t flops = RunChainsOfMultiplyAdd<WideLanes>(state);
+    state.counters["Gflop/s"] = benchmark::Counter(double(flops) * 1e-9, benchmark::Counter::kIsRate);
+}
+
 void FlopCount(benchmark::State& state, double flops)
 {
     for (auto _ : state) benchmark::DoNotOptimize(flops);
@@ -332,9 +351,13 @@ void RegisterAll()
             for (int32_t block : blockLengths) {
                 const std::string name = std::string("CalcA/") + speakerNames[speaker] + "/" + bandNames[band] +
                                          "/" + std::to_string(block);
-                benchmark::RegisterBenchmark(name.c_str(), HostBlocks, speaker, band, block);
+                benchmark::RegisterBenchmark(name.c_str(), HostBlocks, speaker, band, block, false);
             }
         }
+    }
+    for (int32_t band = 0; band < bandCount; ++band) {
+        const std::string name = std::string("CalcA/4x12/") + bandNames[band] + "/64/afterAllBands";
+        benchmark::RegisterBenchmark(name.c_str(), HostBlocks, 2, band, 64, true);
     }
     RegisterModel<CQuorvexAmp_4x12n44a>("44");
     RegisterModel<CQuorvexAmp_4x12n48a>("48");
@@ -344,6 +367,7 @@ void RegisterAll()
     RegisterModel<CQuorvexAmp_4x12n192a>("192");
     benchmark::RegisterBenchmark("PeakRate/scalar", PeakRateScalar);
     benchmark::RegisterBenchmark("PeakRate/sse", PeakRateSse);
+    benchmark::RegisterBenchmark("PeakRate/avx2", PeakRateAvx2);
     benchmark::RegisterBenchmark("Setup/CreateInstanceU", CreateInstance)->Unit(benchmark::kMicrosecond);
     for (int32_t band = 0; band < bandCount; ++band) {
         benchmark::RegisterBenchmark((std::string("Setup/FirstSetSampleRateU/") + bandNames[band]).c_str(),

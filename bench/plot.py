@@ -73,12 +73,17 @@ def main(results_path, plot_path):
         if 1 in row and 64 in row:
             print(f"4x12 {band}: block 1 / block 64 per sample = {row[1] / row[64]:.2f}; "
                   f"ns per second of audio at block 64 = {row[64] * RATES[band] / 1e6:.2f} ms")
+        visited = value(f"CalcA/4x12/{band}/64/afterAllBands")
+        if visited is not None and 64 in row:
+            print(f"4x12 {band}: block 64 after visiting every band {visited:.1f} ns/sample "
+                  f"(one band only: {row[64]:.1f})")
     flops = value("FlopCount/4x12/48", "flops/sample")
-    scalar = value("PeakRate/scalar", "Gflop/s")
-    sse = value("PeakRate/sse", "Gflop/s")
-    if flops and scalar and sse:
-        print(f"arithmetic bound 4x12: {flops:.0f} flops/sample, scalar {flops / scalar:.1f} ns/sample "
-              f"({scalar:.2f} Gflop/s), SSE {flops / sse:.1f} ns/sample ({sse:.2f} Gflop/s)")
+    if flops:
+        for width in ["scalar", "sse", "avx2"]:
+            rate = value(f"PeakRate/{width}", "Gflop/s")
+            if rate:
+                print(f"arithmetic bound 4x12, {flops:.0f} flops/sample: {width} {flops / rate:.1f} ns/sample "
+                      f"({rate:.2f} Gflop/s)")
     for name, entry in sorted(found.items()):
         if name.startswith("Setup/") or name.startswith("Memory/"):
             extra = f", {entry['bytes']:.0f} bytes" if "bytes" in entry else ""

@@ -49,7 +49,7 @@ def main(results_path, plot_path):
         axis.set_xlabel("samples per CalcA call")
         axis.set_title(title)
         axis.grid(True, which="both", alpha=0.3)
-    axes[0].set_ylabel("ns per sample (median of 3)")
+    axes[0].set_ylabel("ns per sample (median of 5)")
     axes[1].legend()
     figure.tight_layout()
     figure.savefig(plot_path, dpi=110)

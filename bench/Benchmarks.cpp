@@ -192,8 +192,9 @@ using Lanes = float __attribute__((vector_size(16)));
 
 // Twelve independent chains of a multiply and an add, so that latency never limits. The
 // scalar form is kept from being turned into vector code by the compiler.
+// Always inlined, so that the eight-lane caller compiles it with its own instructions.
 template <class Value>
-inline int64_t RunChainsOfMultiplyAdd(benchmark::State& state)
+[[gnu::always_inline]] inline int64_t RunChainsOfMultiplyAdd(benchmark::State& state)
 {
     Value a0 = Value{} + 0.1f, a1 = Value{} + 0.2f, a2 = Value{} + 0.3f, a3 = Value{} + 0.4f;
     Value a4 = Value{} + 0.5f, a5 = Value{} + 0.6f, a6 = Value{} + 0.7f, a7 = Value{} + 0.8f;

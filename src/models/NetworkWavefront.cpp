@@ -101,6 +101,12 @@ inline Lanes Select(LaneBits mask, Lanes whereSet, Lanes elsewhere) noexcept
                                    (reinterpret_cast<LaneBits>(elsewhere) & ~mask));
 }
 
+// Every lane the same word, bit for bit (0 + v would turn -0.0 into +0.0).
+inline Lanes Broadcast(float value) noexcept
+{
+    return Lanes{value, value, value, value, value, value, value, value};
+}
+
 inline Lanes Load(const float* from) noexcept
 {
     Lanes value;
@@ -150,6 +156,28 @@ template <int32_t preSectionCount, int32_t stageCount>
     float ambienceS0 = tail.ambienceState[0];
     float ambienceS1 = tail.ambienceState[1];
 
+    // Whatever multiplies the input is done here, in one pass over the period, rather than
+    // step by step: a subnormal input takes the processor's slow path, which costs far more
+    // inside the steps, where much work is under way, than in a short pass of its own.
+    // Without pre-sections the position gain is that multiplication; otherwise it is the
+    // first pre-section's three products, which its lane takes from here.
+    float gainedInput[controlPeriod];
+    float inputProducts[3][controlPeriod] = {};
+    LaneBits firstLane = {};
+    if constexpr (preSectionCount == 0) {
+        for (int32_t i = 0; i < count; ++i) gainedInput[i] = input[i] * positionGain;
+        input = gainedInput;
+    } else {
+        const int32_t lane = 2 * positions.first + 1;
+        const PackedNetwork::Vector& first = network.vectors[0];
+        for (int32_t i = 0; i < count; ++i) {
+            inputProducts[0][i] = first.c0[lane] * input[i];
+            inputProducts[1][i] = first.c1[lane] * input[i];
+            inputProducts[2][i] = first.c2[lane] * input[i];
+        }
+        firstLane[lane] = allBits;
+    }
+
     alignas(32) float rows[maxSteps][rowLength];
     if (count > 0) {
         for (int32_t step = positions.first; step < positions.last + count; ++step) {
@@ -165,16 +193,14 @@ template <int32_t preSectionCount, int32_t stageCount>
                 if (step < firstWorking || step > lastWorking + count - 1) continue;
                 Lanes x;
                 if (v == 0 && preSectionCount == 0) {
-                    const float gained = entering * positionGain;
-                    const Lanes below = {gained, gained, gained, gained, gained, gained, gained, gained};
-                    x = __builtin_shufflevector(below, y[0], 7, 7, 9, 9, 11, 11, 13, 13);
+                    x = __builtin_shufflevector(Broadcast(entering), y[0], 7, 7, 9, 9, 11, 11, 13, 13);
                 } else if (v == 0) {
-                    const Lanes below = {entering, entering, entering, entering,
-                                         entering, entering, entering, entering};
+                    // The first pre-section's lane takes zero here: its products with the
+                    // input were made before the steps (see inputProducts).
                     if constexpr (preSectionCount == 1) {
-                        x = below;
+                        x = Lanes{};
                     } else {
-                        x = __builtin_shufflevector(below, y[0], 0, 0, 0, 0, 0, 0, 13, 13);
+                        x = __builtin_shufflevector(Lanes{}, y[0], 0, 0, 0, 0, 0, 0, 13, 13);
                     }
                 } else if (v * unitsPerVector == positions.chainStart) {
                     x = __builtin_shufflevector(y[v > 0 ? v - 1 : 0] * positionGain, y[v], 7, 7, 9,
@@ -184,9 +210,17 @@ template <int32_t preSectionCount, int32_t stageCount>
                 }
                 const Lanes oldS0 = s0[v];
                 const Lanes oldS1 = s1[v];
-                const Lanes out = Load(c.c0) * x + oldS0;
-                Lanes nextS0 = ((oldS0 + oldS1) + Load(c.c1) * x) - Load(c.c3) * out;
+                Lanes c0x = Load(c.c0) * x;
+                Lanes c1x = Load(c.c1) * x;
                 Lanes c2x = Load(c.c2) * x;
+                if (v == 0 && preSectionCount > 0) {
+                    const int32_t sample = std::min(enteringSample, controlPeriod - 1);
+                    c0x = Select(firstLane, Broadcast(inputProducts[0][sample]), c0x);
+                    c1x = Select(firstLane, Broadcast(inputProducts[1][sample]), c1x);
+                    c2x = Select(firstLane, Broadcast(inputProducts[2][sample]), c2x);
+                }
+                const Lanes out = c0x + oldS0;
+                Lanes nextS0 = ((oldS0 + oldS1) + c1x) - Load(c.c3) * out;
                 if (c.forcesC2X) c2x = KeepOrForce(c2x, c.keepC2X, c.forcedC2X);
                 Lanes nextS1 = (oldS1 + c2x) - Load(c.c4) * out;
                 if (c.forcesS0) nextS0 = KeepOrForce(nextS0, c.keepS0, c.forcedS0);

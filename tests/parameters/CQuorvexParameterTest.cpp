@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <bit>
 #include <climits>
 #include <cmath>
 #include <limits>
 #include <locale>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "parameters/CQuorvexParameter.h"
 
@@ -18,26 +21,34 @@ constexpr float inf = std::numeric_limits<float>::infinity();
 CQuorvexParameter Stepped(int32_t steps)
 {
     CQuorvexParameter p;
-    p.Init(FourCC("c402"), "MicrophonePosition", "MicrophonePosition", 1, 0.5f, steps, true, -1);
+    p.Init(FourCC("c402"), "MicrophonePosition", "MicPos", 1, 0.5f, steps, true, -1);
     return p;
 }
 
-CQuorvexParameter Continuous()
+// Continuous, with the scale points given as (position, value) or (position, name).
+struct Point {
+    float position;
+    float value;
+    const char* name = nullptr;
+};
+CQuorvexParameter Scale(const std::vector<Point>& points = {}, bool kiloDisplay = false)
 {
     CQuorvexParameter p;
     p.Init(FourCC("gain"), "Gain", "Gain", 0, 0.0f, 0, true, 3);
+    p.kiloDisplay = kiloDisplay;
+    for (const Point& point : points) {
+        if (point.name != nullptr)
+            p.AddNamedPoint(point.position, point.name);
+        else
+            p.AddValuePoint(point.position, point.value);
+    }
     return p;
 }
 
 // Named "Off" at 0.0, 20 at 0.1, 20000 at 1.0, thousands shown with "k".
-CQuorvexParameter FrequencyScale()
+CQuorvexParameter Frequency(bool kiloDisplay = true)
 {
-    CQuorvexParameter p = Continuous();
-    p.kiloDisplay = true;
-    p.AddNamedPoint(0.0f, "Off");
-    p.AddValuePoint(0.1f, 20.0f);
-    p.AddValuePoint(1.0f, 20000.0f);
-    return p;
+    return Scale({{0.0f, 0, "Off"}, {0.1f, 20.0f}, {1.0f, 20000.0f}}, kiloDisplay);
 }
 
 // Reads text; NaN in the result means "not understood" (the out value stays at its sentinel).
@@ -49,346 +60,184 @@ float Read(const CQuorvexParameter& p, const std::string& text)
     return out;
 }
 
-TEST(ParameterRecord, DefaultConstructionAndInit)
+TEST(ParameterRecord, InitSetsOnlyItsOwnFieldsAndDescriptorsDeriveTheStepping)
 {
     CQuorvexParameter p;
-    EXPECT_EQ(p.name, "No Parameter");
-    EXPECT_TRUE(p.shortName.empty());
-    EXPECT_TRUE(p.unitLabel.empty());
-    EXPECT_EQ(p.decimals, 3);
-    EXPECT_EQ(p.wordBits, -1);
-    EXPECT_EQ(p.meterKind, 3);
-    EXPECT_FALSE(p.showPlus);
-    EXPECT_FALSE(p.kiloDisplay);
-    EXPECT_TRUE(p.pointPositions.empty() && p.pointKinds.empty() && p.pointValues.empty() &&
-                p.pointLabels.empty());
-
     p.decimals = 1;
-    p.wordBits = 24;
     p.unitLabel = "dB";
-    p.AddValuePoint(0.0f, 1.0f);
-    p.Init(FourCC("c402"), "MicrophonePosition", "MicPos", 1, 0.5f, 3, true, -1);
-    EXPECT_EQ(p.tag, 0x63343032u);
-    EXPECT_EQ(p.name, "MicrophonePosition");
-    EXPECT_EQ(p.shortName, "MicPos");
-    EXPECT_EQ(p.valueKind, 1);
-    EXPECT_EQ(p.stepCount, 3);
-    EXPECT_TRUE(p.optionFlag);
-    EXPECT_EQ(p.meterKind, -1);
+    p = Stepped(3);
+    EXPECT_EQ(p.tag, 0x63343032u);  // first character in the most significant byte
     EXPECT_EQ(p.value, 0.5f);
     EXPECT_EQ(p.defaultValue, 0.5f);
-    // Init is an assignment of its own fields only.
+    p.decimals = 1;
+    p.Init(FourCC("c401"), "MicrophoneType", "MicType", 1, 0.0f, 2, true, -1);
     EXPECT_EQ(p.decimals, 1);
-    EXPECT_EQ(p.wordBits, 24);
-    EXPECT_EQ(p.unitLabel, "dB");
-    EXPECT_EQ(p.pointPositions.size(), 1u);
+    EXPECT_EQ(p.shortName, "MicType");
+
+    p.InitFromDescriptor({"Mode", FourCC("mode"), 4, 2.0, 1.0, 1.0, false, "Md"});
+    EXPECT_EQ(p.valueKind, 1);
+    EXPECT_EQ(p.stepCount, 3);
+    EXPECT_EQ(p.value, 0.5f);
+    p.InitFromDescriptor({"Drive", FourCC("drv "), 0, 10.0, 0.3, 2.5, true, "Drv"});
+    EXPECT_EQ(p.valueKind, 0);
+    EXPECT_EQ(p.stepCount, 34);  // 33.33 cut toward zero, plus one
+    EXPECT_EQ(p.value, 0.25f);
 }
 
-TEST(ParameterRecord, InitFromDescriptorDerivesStepping)
-{
-    CQuorvexParameter stepped;
-    stepped.InitFromDescriptor({"Mode", FourCC("mode"), 4, 2.0, 1.0, 1.0, false, "Md"});
-    EXPECT_EQ(stepped.valueKind, 1);
-    EXPECT_EQ(stepped.stepCount, 3);
-    EXPECT_EQ(stepped.value, 0.5f);
-    EXPECT_EQ(stepped.shortName, "Md");
-    EXPECT_FALSE(stepped.optionFlag);
-    EXPECT_EQ(stepped.meterKind, 3);
-
-    CQuorvexParameter continuous;
-    continuous.InitFromDescriptor({"Drive", FourCC("drv "), 0, 10.0, 0.3, 2.5, true, "Drv"});
-    EXPECT_EQ(continuous.valueKind, 0);
-    EXPECT_EQ(continuous.stepCount, 34);  // 33.33 cut toward zero, plus one
-    EXPECT_EQ(continuous.value, 0.25f);
-}
-
-TEST(ParameterRecord, CopiesAreIndependent)
-{
-    CQuorvexParameter source = FrequencyScale();
-    source.StoreValue(0.3f);
-    CQuorvexParameter copy = source;
-    EXPECT_EQ(copy.LoadValue(), 0.3f);
-    copy.StoreValue(0.9f);
-    copy.pointLabels[0] = "Bypass";
-    source.name = "Other";
-    EXPECT_EQ(source.LoadValue(), 0.3f);
-    EXPECT_EQ(source.pointLabels[0], "Off");
-    EXPECT_EQ(copy.name, "Gain");
-}
-
-TEST(ParameterRecord, RolePredicates)
+TEST(ParameterRecord, RolesAndPrefixes)
 {
     CQuorvexParameter p;
-    auto roles = [&](const char* name) {
+    const std::pair<const char*, const char*> roles[] = {
+        {"_meterLeft", "101"}, {"_mete", "001"}, {"_commonGain", "011"},
+        {"_commo", "001"},     {"", "000"},      {"Gain_meter", "000"}};
+    for (const auto& [name, expected] : roles) {
         p.name = name;
-        return std::to_string(p.IsMeter()) + std::to_string(p.IsCommon()) +
-               std::to_string(p.IsHidden());
-    };
-    EXPECT_EQ(roles("_meter"), "101");
-    EXPECT_EQ(roles("_meterLeft"), "101");
-    EXPECT_EQ(roles("_mete"), "001");
-    EXPECT_EQ(roles("_common"), "011");
-    EXPECT_EQ(roles("_commonGain"), "011");
-    EXPECT_EQ(roles("_commo"), "001");
-    EXPECT_EQ(roles(""), "000");
-    EXPECT_EQ(roles("Gain_meter"), "000");
+        EXPECT_EQ(std::to_string(p.IsMeter()) + std::to_string(p.IsCommon()) + std::to_string(p.IsHidden()),
+                  expected)
+            << name;
+    }
+    // The prefix's length is cut from both names wherever it is found; else a leading '_' goes.
+    const char* strips[][5] = {{"_commonGain", "_cGain", "_common", "Gain", ""},
+                               {"ab_xy_cd", "abc", "xy", "_xy_cd", "c"},
+                               {"_Gain", "_G", "_common", "Gain", "G"},
+                               {"Gain", "Gn", "_common", "Gain", "Gn"}};
+    for (const auto& s : strips) {
+        p.name = s[0];
+        p.shortName = s[1];
+        p.StripPrefix(s[2]);
+        EXPECT_EQ(p.name + "|" + p.shortName, std::string(s[3]) + "|" + s[4]) << s[0];
+    }
 }
 
-TEST(ParameterRecord, StripPrefix)
+TEST(ParameterValues, QuantiseStepsClampsAndPassesNaN)
 {
-    CQuorvexParameter p;
-    p.name = "_commonGain";
-    p.shortName = "_cGain";
-    p.StripPrefix("_common");
-    EXPECT_EQ(p.name, "Gain");
-    EXPECT_EQ(p.shortName, "");
-
-    p.name = "ab_xy_cd";
-    p.shortName = "abc";
-    p.StripPrefix("xy");
-    EXPECT_EQ(p.name, "_xy_cd");
-    EXPECT_EQ(p.shortName, "c");
-
-    p.name = "_Gain";
-    p.shortName = "_G";
-    p.StripPrefix("_common");
-    EXPECT_EQ(p.name, "Gain");
-    EXPECT_EQ(p.shortName, "G");
-
-    p.name = "Gain";
-    p.shortName = "Gn";
-    p.StripPrefix("_common");
-    EXPECT_EQ(p.name, "Gain");
-    EXPECT_EQ(p.shortName, "Gn");
-
-    p.name = "_meterOut";
-    p.shortName = "";
-    p.StripPrefix("_meter");
-    EXPECT_EQ(p.name, "Out");
-    EXPECT_EQ(p.shortName, "");
-}
-
-TEST(ParameterValues, QuantiseSteps)
-{
-    const CQuorvexParameter two = Stepped(2);
-    for (float v : {0.0f, 0.49f, -0.2f, -1e30f})
-        EXPECT_EQ(two.Quantise(v), 0.0f) << v;
-    for (float v : {0.5f, 0.75f, 1.0f, 1.5f, 1e30f, inf})
-        EXPECT_EQ(two.Quantise(v), 1.0f) << v;
-
-    const CQuorvexParameter three = Stepped(3);
-    EXPECT_EQ(three.Quantise(0.33f), 0.0f);
-    EXPECT_EQ(three.Quantise(0.34f), 0.5f);
-    EXPECT_EQ(three.Quantise(0.66f), 0.5f);
-    EXPECT_EQ(three.Quantise(0.67f), 1.0f);
-    EXPECT_EQ(three.Quantise(1.0f), 1.0f);
-
-    const CQuorvexParameter plain = Continuous();
-    EXPECT_EQ(plain.Quantise(0.25f), 0.25f);
-    EXPECT_EQ(plain.Quantise(1.5f), 1.0f);
-    EXPECT_EQ(plain.Quantise(-1.0f), 0.0f);
-    EXPECT_FALSE(std::signbit(plain.Quantise(-0.0f)));
-
-    EXPECT_TRUE(std::isnan(two.Quantise(nan)));
-    EXPECT_TRUE(std::isnan(plain.Quantise(nan)));
+    const struct {
+        int32_t steps;
+        float in, out;
+    } cases[] = {{2, 0.49f, 0.0f},  {2, -1e30f, 0.0f}, {2, 0.5f, 1.0f},  {2, inf, 1.0f},
+                 {3, 0.33f, 0.0f},  {3, 0.34f, 0.5f},  {3, 0.66f, 0.5f}, {3, 0.67f, 1.0f},
+                 {0, 0.25f, 0.25f}, {0, 1.5f, 1.0f},   {0, -1.0f, 0.0f}, {0, -0.0f, 0.0f}};
+    for (const auto& c : cases) {
+        const float q = c.steps == 0 ? Scale().Quantise(c.in) : Stepped(c.steps).Quantise(c.in);
+        EXPECT_EQ(std::bit_cast<uint32_t>(q), std::bit_cast<uint32_t>(c.out)) << c.steps << " " << c.in;
+    }
+    EXPECT_TRUE(std::isnan(Stepped(2).Quantise(nan)));
+    EXPECT_TRUE(std::isnan(Scale().Quantise(nan)));
     EXPECT_TRUE(std::isnan(Stepped(1).Quantise(0.3f)));
-}
 
-TEST(ParameterValues, QuantiseFloorMatchesLibraryFloor)
-{
-    // The arithmetic floor must agree with std::floor everywhere, negative and huge inputs too.
+    // The arithmetic floor agrees with std::floor everywhere, negative and huge inputs too.
     for (int32_t steps : {2, 3, 7, 1000, 5000000}) {
         const CQuorvexParameter p = Stepped(steps);
-        const float n = static_cast<float>(steps);
+        const float n = float(steps);
         for (int i = -3000; i <= 3000; ++i) {
-            const float v = static_cast<float>(i) / 1999.0f;
-            float r = std::floor(v * n);
-            if (r == n)
-                r = n - 1.0f;
-            const float expected = std::min(1.0f, std::max(0.0f, r / (n - 1.0f)));
-            ASSERT_EQ(p.Quantise(v), expected) << "steps " << steps << " v " << v;
+            const float v = float(i) / 1999.0f;
+            const float r = std::min(std::floor(v * n), n - 1.0f);
+            ASSERT_EQ(p.Quantise(v), std::min(1.0f, std::max(0.0f, r / (n - 1.0f)))) << steps << " " << v;
         }
     }
 }
 
-TEST(ParameterValues, GetFixedPoint)
+TEST(ParameterValues, FixedPointWords)
 {
-    CQuorvexParameter p = Continuous();
-    auto word = [&](int32_t bits, float v) {
-        p.wordBits = bits;
-        p.StoreValue(v);
-        return p.GetFixedPoint();
-    };
-    EXPECT_EQ(word(32, 0.0f), 0);
-    EXPECT_EQ(word(32, 1.0f), 0x7FFFFFFF);
-    EXPECT_EQ(word(32, 0.5f), 0x40000000);
-    EXPECT_EQ(word(32, 0.25f), 0x1FFFFFFF);  // the one-half rule holds for one half only
-    EXPECT_EQ(word(24, 1.0f), 0x7FFFFF);
-    EXPECT_EQ(word(24, 0.5f), 0x400000);
-    EXPECT_EQ(word(-1, 1.0f), 0x3FFFFFFF);
-    EXPECT_EQ(word(-1, 0.5f), 0x20000000);
-    EXPECT_EQ(word(0, 1.0f), 0x7FFFFFFF);
-    EXPECT_EQ(word(64, 1.0f), 0x7FFFFFFF);
-    EXPECT_EQ(word(INT_MIN, 1.0f), 0x7FFFFFFF);
-    EXPECT_EQ(word(INT_MAX, 1.0f), 0x3FFFFFFF);
-    EXPECT_EQ(word(2, 1.0f), 1);
-    EXPECT_EQ(word(32, 1.5f), 0x7FFFFFFF);
-    EXPECT_EQ(word(32, inf), 0x7FFFFFFF);
-    EXPECT_EQ(word(32, -inf), 0);
-    EXPECT_EQ(word(32, nan), 0);
-
+    // The one-half rule holds for one half only (0.25 gives 0x1FFFFFFF); bits count modulo 32.
+    const struct {
+        int32_t bits;
+        float value;
+        int32_t word;
+    } cases[] = {{32, 1.0f, 0x7FFFFFFF},
+                 {32, 0.5f, 0x40000000},
+                 {32, 0.25f, 0x1FFFFFFF},
+                 {24, 1.0f, 0x7FFFFF},
+                 {-1, 1.0f, 0x3FFFFFFF},
+                 {0, 1.0f, 0x7FFFFFFF},
+                 {INT_MIN, 1.0f, 0x7FFFFFFF},
+                 {INT_MAX, 1.0f, 0x3FFFFFFF},
+                 {2, 1.0f, 1},
+                 {32, 1.5f, 0x7FFFFFFF},
+                 {32, -inf, 0},
+                 {32, nan, 0}};
+    CQuorvexParameter p = Scale();
+    for (const auto& c : cases) {
+        p.wordBits = c.bits;
+        p.StoreValue(c.value);
+        EXPECT_EQ(p.GetFixedPoint(), c.word) << c.bits << " " << c.value;
+    }
     CQuorvexParameter switchRecord = Stepped(2);
     switchRecord.wordBits = 32;
     switchRecord.StoreValue(0.4f);
-    EXPECT_EQ(switchRecord.GetFixedPoint(), 0);
-    switchRecord.StoreValue(0.5f);
-    EXPECT_EQ(switchRecord.GetFixedPoint(), 0x7FFFFFFF);
+    EXPECT_EQ(switchRecord.GetFixedPoint(), 0);  // quantised first
 }
 
-TEST(ParameterText, FormatNumber)
+TEST(ParameterText, NumbersAndScalesShown)
 {
-    CQuorvexParameter p;
-    p.showPlus = true;
-    EXPECT_EQ(p.FormatNumber(0.0f), "+0.000");
-    EXPECT_EQ(p.FormatNumber(1.5f), "+1.500");
-    EXPECT_EQ(p.FormatNumber(-1.5f), "-1.500");
-    p.showPlus = false;
-    p.kiloDisplay = true;
-    EXPECT_EQ(p.FormatNumber(9999.0f), "9999.000");
-    EXPECT_EQ(p.FormatNumber(10000.0f), "10.000k");
-    EXPECT_EQ(p.FormatNumber(12000.0f), "12.000k");
-    EXPECT_EQ(p.FormatNumber(-20000.0f), "-20000.000");
-    p.decimals = 0;
-    EXPECT_EQ(p.FormatNumber(2.75f), "3");
+    CQuorvexParameter plus;
+    plus.showPlus = true;
+    EXPECT_EQ(plus.FormatNumber(0.0f) + " " + plus.FormatNumber(-1.5f), "+0.000 -1.500");
+    CQuorvexParameter kilo = Frequency();
+    kilo.decimals = 0;
+    EXPECT_EQ(kilo.FormatNumber(9999.0f) + " " + kilo.FormatNumber(10000.0f) + " " +
+                  kilo.FormatNumber(-20000.0f) + " " + kilo.FormatNumber(2.75f),
+              "9999 10k -20000 3");
+
+    const CQuorvexParameter segments =
+        Scale({{0.0f, 0, "Low"}, {0.4f, 0, "Mid"}, {0.6f, 5.0f}, {1.0f, 0, "Max"}});
+    const CQuorvexParameter falling = Scale({{0.0f, 10.0f}, {1.0f, 0.0f}});
+    // Clamped before the scale is read (7.0); on `segments` the exact middle shows the lower
+    // name (0.2), a name followed by a value owns the segment (0.59), a value followed by a
+    // name gives way to it (0.61).
+    const struct {
+        const CQuorvexParameter& p;
+        float v;
+        const char* text;
+    } cases[] = {{Frequency(), 0.1f, "20.000"},     {Frequency(), 0.2f, "2240.000"},
+                 {Frequency(), 1.0f, "20.000k"},    {Frequency(), 7.0f, "20.000k"},
+                 {segments, 0.2f, "Low"},           {segments, 0.21f, "Mid"},
+                 {segments, 0.59f, "Mid"},          {segments, 0.6f, "5.000"},
+                 {segments, 0.61f, "Max"},          {falling, 0.25f, "7.500"},
+                 {Scale(), -0.0f, "0.000"},         {Stepped(3), 0.75f, "1.000"},
+                 {Scale({{0.3f, 5.0f}}), 0.3f, ""}, {Scale({{0.3f, 0, "Auto"}}), 0.9f, ""}};
+    for (const auto& c : cases) EXPECT_EQ(c.p.ValueToText(c.v), c.text) << c.v;
 }
 
-TEST(ParameterText, WorkedScaleBothWays)
+TEST(ParameterText, TextRead)
 {
-    const CQuorvexParameter p = FrequencyScale();
-    EXPECT_EQ(p.ValueToText(0.0f), "Off");
-    EXPECT_EQ(p.ValueToText(0.05f), "Off");
-    EXPECT_EQ(p.ValueToText(0.1f), "20.000");
-    EXPECT_EQ(p.ValueToText(1.0f), "20.000k");
-    EXPECT_EQ(p.ValueToText(0.2f), "2240.000");
-    EXPECT_EQ(p.ValueToText(7.0f), "20.000k");  // clamped before the scale is read
-
-    for (const char* text : {"of", "OFF", "Off", "Offline", ""})
-        EXPECT_EQ(Read(p, text), 0.0f) << text;
-    EXPECT_FLOAT_EQ(Read(p, "20k"), 1.0f);
-    EXPECT_FLOAT_EQ(Read(p, "20K"), 0.1f);
-    EXPECT_FLOAT_EQ(Read(p, "5"), 0.1f);
-    EXPECT_FLOAT_EQ(Read(p, "50000"), 1.0f);
-    EXPECT_TRUE(std::isnan(Read(p, "abc")));
-    EXPECT_TRUE(std::isnan(Read(p, "20 ")));
-
-    CQuorvexParameter plainThousands = p;
-    plainThousands.kiloDisplay = false;
-    EXPECT_FLOAT_EQ(Read(plainThousands, "20 "), 0.1f);
-
-    // Every shown number reads back to (nearly) the position it came from.
-    for (float v = 0.1f; v <= 1.0f; v += 0.0625f)
-        EXPECT_NEAR(Read(p, p.ValueToText(v)), v, 1e-4f) << p.ValueToText(v);
-}
-
-TEST(ParameterText, SegmentKinds)
-{
-    CQuorvexParameter p = Continuous();
-    p.AddNamedPoint(0.0f, "Low");
-    p.AddNamedPoint(0.4f, "Mid");
-    p.AddValuePoint(0.6f, 5.0f);
-    p.AddNamedPoint(1.0f, "Max");
-    EXPECT_EQ(p.ValueToText(0.19f), "Low");
-    EXPECT_EQ(p.ValueToText(0.2f), "Low");  // exact middle shows the lower name
-    EXPECT_EQ(p.ValueToText(0.21f), "Mid");
-    EXPECT_EQ(p.ValueToText(0.59f), "Mid");  // named then value: the name owns the segment
-    EXPECT_EQ(p.ValueToText(0.6f), "5.000");
-    EXPECT_EQ(p.ValueToText(0.61f), "Max");  // value then named: the name reaches back
-    EXPECT_EQ(p.ValueToText(1.0f), "Max");
-}
-
-TEST(ParameterText, FallingScaleAndGap)
-{
-    CQuorvexParameter falling = Continuous();
-    falling.AddValuePoint(0.0f, 10.0f);
-    falling.AddValuePoint(1.0f, 0.0f);
-    EXPECT_FLOAT_EQ(Read(falling, "2.5"), 0.75f);
-    EXPECT_EQ(Read(falling, "11"), 0.0f);
-    EXPECT_EQ(Read(falling, "-3"), 1.0f);
-    EXPECT_EQ(falling.ValueToText(0.25f), "7.500");
-
-    CQuorvexParameter gap = Continuous();
-    gap.AddValuePoint(0.0f, 0.0f);
-    gap.AddValuePoint(0.2f, 10.0f);
-    gap.AddNamedPoint(0.5f, "Notch");
-    gap.AddValuePoint(0.8f, 100.0f);
-    gap.AddValuePoint(1.0f, 1000.0f);
-    EXPECT_FLOAT_EQ(Read(gap, "50"), 0.5f);
-    EXPECT_FLOAT_EQ(Read(gap, "5"), 0.1f);
-    EXPECT_FLOAT_EQ(Read(gap, "550"), 0.9f);
-    EXPECT_EQ(Read(gap, "5000"), 1.0f);
-    EXPECT_EQ(Read(gap, "-1"), 0.0f);
-
-    CQuorvexParameter flat = Continuous();
-    flat.AddValuePoint(0.0f, 3.0f);
-    flat.AddValuePoint(0.5f, 3.0f);
-    EXPECT_EQ(Read(flat, "3"), 1.0f);  // hit on equal ends divides by zero
-    EXPECT_TRUE(std::isnan(Read(flat, "4")));  // no direction, no name
-}
-
-TEST(ParameterText, EmptyAndSinglePointTables)
-{
-    CQuorvexParameter p = Continuous();
-    p.kiloDisplay = true;
-    EXPECT_EQ(p.ValueToText(0.5f), "0.500");
-    EXPECT_EQ(Read(p, "0.25"), 0.25f);
-    EXPECT_EQ(Read(p, "7"), 1.0f);
-    EXPECT_EQ(Read(p, "-2"), 0.0f);
-    EXPECT_EQ(Read(p, "2k"), 1.0f);
-    EXPECT_EQ(Read(p, "0.002k"), 0.002f);  // the k never reaches a record without a table
-    EXPECT_TRUE(std::isnan(Read(p, "x")));
-    EXPECT_EQ(Stepped(3).ValueToText(0.75f), "1.000");
-    EXPECT_EQ(Continuous().ValueToText(-0.0f), "0.000");
-
-    CQuorvexParameter oneValue = Continuous();
-    oneValue.AddValuePoint(0.3f, 5.0f);
-    EXPECT_EQ(oneValue.ValueToText(0.3f), "");
-    EXPECT_TRUE(std::isnan(Read(oneValue, "5")));
-
-    CQuorvexParameter oneName = Continuous();
-    oneName.AddNamedPoint(0.3f, "Auto");
-    EXPECT_EQ(oneName.ValueToText(0.9f), "");
-    EXPECT_FLOAT_EQ(Read(oneName, "au"), 0.3f);
-}
-
-TEST(ParameterText, NameMatching)
-{
-    CQuorvexParameter shortFirst = Continuous();
-    shortFirst.AddNamedPoint(0.2f, "ab");
-    shortFirst.AddNamedPoint(0.8f, "abcd");
-    EXPECT_FLOAT_EQ(Read(shortFirst, "abc"), 0.2f);
-    // "abcd" can never beat the earlier "ab": any text reaching it reaches "ab" at distance 0.
-    EXPECT_FLOAT_EQ(Read(shortFirst, "ABCD"), 0.2f);
-
-    CQuorvexParameter longFirst = Continuous();
-    longFirst.AddNamedPoint(0.2f, "abcd");
-    longFirst.AddNamedPoint(0.8f, "ab");
-    EXPECT_FLOAT_EQ(Read(longFirst, "abc"), 0.2f);
-    EXPECT_FLOAT_EQ(Read(longFirst, ""), 0.8f);  // the shortest label wins on empty text
-
-    CQuorvexParameter level = Continuous();
-    level.AddValuePoint(0.0f, 0.0f);
-    level.AddValuePoint(0.4f, 20.0f);
-    level.AddNamedPoint(0.5f, "12 dB");
-    level.AddValuePoint(1.0f, 100.0f);
-    EXPECT_FLOAT_EQ(Read(level, "12 dB"), 0.5f);  // a word behind the number keeps the name
-    EXPECT_FLOAT_EQ(Read(level, "12"), 0.24f);    // the number alone overrides the name
-    EXPECT_FLOAT_EQ(Read(level, "1"), 0.02f);
-
-    CQuorvexParameter unreachable = Continuous();
-    unreachable.AddNamedPoint(0.6f, std::string(100, 'x'));
-    unreachable.AddNamedPoint(0.9f, "");
-    EXPECT_TRUE(std::isnan(Read(unreachable, "")));
-    EXPECT_FLOAT_EQ(Read(unreachable, "XX"), 0.6f);
+    const CQuorvexParameter frequency = Frequency();
+    const CQuorvexParameter gap =
+        Scale({{0.0f, 0.0f}, {0.2f, 10.0f}, {0.5f, 0, "Notch"}, {0.8f, 100.0f}, {1.0f, 1000.0f}});
+    const CQuorvexParameter level = Scale({{0.0f, 0.0f}, {0.4f, 20.0f}, {0.5f, 0, "12 dB"}, {1.0f, 100.0f}});
+    const std::string longName(100, 'x');
+    const CQuorvexParameter unreachable = Scale({{0.6f, 0, longName.c_str()}, {0.9f, 0, ""}});
+    const CQuorvexParameter noKilo = Frequency(false), bare = Scale({}, true);
+    const CQuorvexParameter falling = Scale({{0.0f, 10.0f}, {1.0f, 0.0f}});
+    const CQuorvexParameter flat = Scale({{0.0f, 3.0f}, {0.5f, 3.0f}});
+    const CQuorvexParameter oneValue = Scale({{0.3f, 5.0f}}), oneName = Scale({{0.3f, 0, "Auto"}});
+    const CQuorvexParameter shortFirst = Scale({{0.2f, 0, "ab"}, {0.8f, 0, "abcd"}});
+    const CQuorvexParameter longFirst = Scale({{0.2f, 0, "abcd"}, {0.8f, 0, "ab"}});
+    // A blank behind a number fails only with "k" shown; a hit on equal ends divides by zero;
+    // the "k" never reaches a record without points; an earlier prefix always wins; the
+    // shortest label wins on empty text; a word behind the number keeps the name.
+    const struct {
+        const CQuorvexParameter& p;
+        const char* text;
+        float v;
+    } cases[] = {{frequency, "of", 0.0f},    {frequency, "OFF", 0.0f},   {frequency, "Offline", 0.0f},
+                 {frequency, "", 0.0f},      {frequency, "20k", 1.0f},   {frequency, "20K", 0.1f},
+                 {frequency, "5", 0.1f},     {frequency, "50000", 1.0f}, {frequency, "abc", nan},
+                 {frequency, "20 ", nan},    {noKilo, "20 ", 0.1f},      {falling, "2.5", 0.75f},
+                 {falling, "-3", 1.0f},      {gap, "50", 0.5f},          {gap, "550", 0.9f},
+                 {flat, "3", 1.0f},          {flat, "4", nan},           {bare, "7", 1.0f},
+                 {bare, "0.002k", 0.002f},   {oneValue, "5", nan},       {oneName, "au", 0.3f},
+                 {shortFirst, "ABCD", 0.2f}, {longFirst, "", 0.8f},      {level, "12 dB", 0.5f},
+                 {level, "12", 0.24f},       {unreachable, "", nan},     {unreachable, "XX", 0.6f}};
+    for (const auto& c : cases) {
+        const float read = Read(c.p, c.text);
+        if (std::isnan(c.v))
+            EXPECT_TRUE(std::isnan(read)) << c.text;
+        else
+            EXPECT_NEAR(read, c.v, 1e-6f) << c.text;
+    }
+    for (float v = 0.1f; v <= 1.0f; v += 0.0625f)  // every shown number reads back to its position
+        EXPECT_NEAR(Read(frequency, frequency.ValueToText(v)), v, 1e-4f) << frequency.ValueToText(v);
 }
 
 // Digits grouped by '.', decimal comma: what a host may install as its global locale.
@@ -400,26 +249,17 @@ struct CommaPunct : std::numpunct<char> {
 
 TEST(ParameterText, GlobalLocaleChangesNothing)
 {
-    const std::locale saved = std::locale::global(
-        std::locale(std::locale::classic(), new CommaPunct));
-    struct Restore {
-        std::locale previous;
-        ~Restore() { std::locale::global(previous); }
-    } restore{saved};
-
+    const std::locale saved = std::locale::global(std::locale(std::locale::classic(), new CommaPunct));
     std::ostringstream probe;
     probe << 20000.5;
-    ASSERT_EQ(probe.str(), "20.000,5") << "the comma locale is not in force";
-
-    CQuorvexParameter p = FrequencyScale();
-    p.kiloDisplay = false;
-    EXPECT_EQ(p.ValueToText(0.2f), "2240.000");
-    EXPECT_EQ(p.ValueToText(1.0f), "20000.000");
-    EXPECT_EQ(Continuous().ValueToText(0.5f), "0.500");
-    EXPECT_FLOAT_EQ(Read(p, "2240.000"), 0.2f);
-    EXPECT_FLOAT_EQ(Read(p, "20.000"), 0.1f);  // a point is never a thousands separator
-    EXPECT_EQ(Read(Continuous(), "0.25"), 0.25f);
-    EXPECT_EQ(Read(Continuous(), "0,75"), 0.0f);  // reading stops at the comma
+    const CQuorvexParameter p = Frequency(false);
+    const std::string shown = p.ValueToText(0.2f) + " " + p.ValueToText(1.0f);
+    const float grouped = Read(p, "20.000"), comma = Read(Scale(), "0,75");
+    std::locale::global(saved);
+    ASSERT_EQ(probe.str(), "20.000,5") << "the comma locale was not in force";
+    EXPECT_EQ(shown, "2240.000 20000.000");
+    EXPECT_FLOAT_EQ(grouped, 0.1f);  // a point is never a thousands separator
+    EXPECT_EQ(comma, 0.0f);          // reading stops at the comma
 }
 
 }  // namespace

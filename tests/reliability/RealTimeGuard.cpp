@@ -1,9 +1,8 @@
 // The counting replacements of RealTimeGuard.h. Allocation goes straight to glibc's own
 // entry points (__libc_malloc and kin), so the counters never recurse into themselves and
 // dlsym's own allocations are harmless; everything else forwards through
-// dlsym(RTLD_NEXT), resolved once at load time.
-//
-// Built without sanitizers only: their runtimes replace the same functions.
+// dlsym(RTLD_NEXT), resolved on first use. Built without sanitizers only: their runtimes
+// replace the same functions.
 
 #include "RealTimeGuard.h"
 
@@ -17,12 +16,12 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <new>
 
 #define TARNLOW_INTERPOSE extern "C" __attribute__((visibility("default")))
 
@@ -37,22 +36,15 @@ void __libc_free(void* pointer);
 namespace tarnlow::realtime {
 namespace {
 
-enum class Kind { Allocation, Release, Lock, SystemCall };
-
 // Plain thread-locals of the executable: constant-initialised static TLS, which the
 // counting functions can touch without allocating or locking themselves.
 thread_local int watchDepth = 0;
 thread_local ForbiddenCalls seen;
 
-inline void Note(Kind kind, const char* name) noexcept
+inline void Note(long ForbiddenCalls::*kind, const char* name) noexcept
 {
     if (watchDepth == 0) return;
-    switch (kind) {
-    case Kind::Allocation: ++seen.allocations; break;
-    case Kind::Release: ++seen.releases; break;
-    case Kind::Lock: ++seen.locks; break;
-    case Kind::SystemCall: ++seen.systemCalls; break;
-    }
+    ++(seen.*kind);
     if (seen.firstName == nullptr) seen.firstName = name;
 }
 
@@ -79,67 +71,37 @@ std::string ForbiddenCalls::Describe() const
            (firstName != nullptr ? firstName : "none") + ")";
 }
 
-ForbiddenCalls Seen()
-{
-    return seen;
-}
-
-void Clear()
-{
-    seen = ForbiddenCalls{};
-}
-
-RealTimeWatch::RealTimeWatch()
-{
-    ++watchDepth;
-}
-
-RealTimeWatch::~RealTimeWatch()
-{
-    --watchDepth;
-}
+ForbiddenCalls Seen() { return seen; }
+void Clear() { seen = ForbiddenCalls{}; }
+RealTimeWatch::RealTimeWatch() { ++watchDepth; }
+RealTimeWatch::~RealTimeWatch() { --watchDepth; }
 
 }  // namespace tarnlow::realtime
 
-using tarnlow::realtime::Kind;
+using tarnlow::realtime::ForbiddenCalls;
 using tarnlow::realtime::Next;
 using tarnlow::realtime::Note;
+constexpr auto allocation = &ForbiddenCalls::allocations;
+constexpr auto lock = &ForbiddenCalls::locks;
+constexpr auto systemCall = &ForbiddenCalls::systemCalls;
 
-// --- Allocation ---------------------------------------------------------------------------
+// Each allocator counts itself and goes to glibc's own entry point.
+#define TARNLOW_ALLOCATOR(name, parameters, call)                                                \
+    TARNLOW_INTERPOSE void* name parameters                                                      \
+    {                                                                                            \
+        Note(allocation, #name);                                                                 \
+        return call;                                                                             \
+    }
 
-TARNLOW_INTERPOSE void* malloc(std::size_t size)
-{
-    Note(Kind::Allocation, "malloc");
-    return __libc_malloc(size);
-}
-
-TARNLOW_INTERPOSE void* calloc(std::size_t count, std::size_t size)
-{
-    Note(Kind::Allocation, "calloc");
-    return __libc_calloc(count, size);
-}
-
-TARNLOW_INTERPOSE void* realloc(void* pointer, std::size_t size)
-{
-    Note(Kind::Allocation, "realloc");
-    return __libc_realloc(pointer, size);
-}
-
-TARNLOW_INTERPOSE void* aligned_alloc(std::size_t alignment, std::size_t size)
-{
-    Note(Kind::Allocation, "aligned_alloc");
-    return __libc_memalign(alignment, size);
-}
-
-TARNLOW_INTERPOSE void* memalign(std::size_t alignment, std::size_t size)
-{
-    Note(Kind::Allocation, "memalign");
-    return __libc_memalign(alignment, size);
-}
+TARNLOW_ALLOCATOR(malloc, (std::size_t size), __libc_malloc(size))
+TARNLOW_ALLOCATOR(calloc, (std::size_t count, std::size_t size), __libc_calloc(count, size))
+TARNLOW_ALLOCATOR(realloc, (void* pointer, std::size_t size), __libc_realloc(pointer, size))
+TARNLOW_ALLOCATOR(aligned_alloc, (std::size_t alignment, std::size_t size), __libc_memalign(alignment, size))
+TARNLOW_ALLOCATOR(memalign, (std::size_t alignment, std::size_t size), __libc_memalign(alignment, size))
 
 TARNLOW_INTERPOSE int posix_memalign(void** out, std::size_t alignment, std::size_t size)
 {
-    Note(Kind::Allocation, "posix_memalign");
+    Note(allocation, "posix_memalign");
     void* pointer = __libc_memalign(alignment, size);
     if (pointer == nullptr) return ENOMEM;
     *out = pointer;
@@ -148,56 +110,9 @@ TARNLOW_INTERPOSE int posix_memalign(void** out, std::size_t alignment, std::siz
 
 TARNLOW_INTERPOSE void free(void* pointer)
 {
-    Note(Kind::Release, "free");
+    Note(&ForbiddenCalls::releases, "free");
     __libc_free(pointer);
 }
-
-namespace {
-
-void* NewOrThrow(std::size_t size, std::size_t alignment)
-{
-    Note(Kind::Allocation, "operator new");
-    if (size == 0) size = 1;
-    void* pointer = alignment > alignof(std::max_align_t) ? __libc_memalign(alignment, size) : __libc_malloc(size);
-    if (pointer == nullptr) throw std::bad_alloc();
-    return pointer;
-}
-
-void* NewOrNull(std::size_t size, std::size_t alignment) noexcept
-{
-    Note(Kind::Allocation, "operator new");
-    if (size == 0) size = 1;
-    return alignment > alignof(std::max_align_t) ? __libc_memalign(alignment, size) : __libc_malloc(size);
-}
-
-void Delete(void* pointer) noexcept
-{
-    Note(Kind::Release, "operator delete");
-    __libc_free(pointer);
-}
-
-}  // namespace
-
-__attribute__((visibility("default"))) void* operator new(std::size_t size) { return NewOrThrow(size, 0); }
-__attribute__((visibility("default"))) void* operator new[](std::size_t size) { return NewOrThrow(size, 0); }
-__attribute__((visibility("default"))) void* operator new(std::size_t size, std::align_val_t a) { return NewOrThrow(size, std::size_t(a)); }
-__attribute__((visibility("default"))) void* operator new[](std::size_t size, std::align_val_t a) { return NewOrThrow(size, std::size_t(a)); }
-__attribute__((visibility("default"))) void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return NewOrNull(size, 0); }
-__attribute__((visibility("default"))) void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return NewOrNull(size, 0); }
-__attribute__((visibility("default"))) void* operator new(std::size_t size, std::align_val_t a, const std::nothrow_t&) noexcept { return NewOrNull(size, std::size_t(a)); }
-__attribute__((visibility("default"))) void* operator new[](std::size_t size, std::align_val_t a, const std::nothrow_t&) noexcept { return NewOrNull(size, std::size_t(a)); }
-__attribute__((visibility("default"))) void operator delete(void* p) noexcept { Delete(p); }
-__attribute__((visibility("default"))) void operator delete[](void* p) noexcept { Delete(p); }
-__attribute__((visibility("default"))) void operator delete(void* p, std::size_t) noexcept { Delete(p); }
-__attribute__((visibility("default"))) void operator delete[](void* p, std::size_t) noexcept { Delete(p); }
-__attribute__((visibility("default"))) void operator delete(void* p, std::align_val_t) noexcept { Delete(p); }
-__attribute__((visibility("default"))) void operator delete[](void* p, std::align_val_t) noexcept { Delete(p); }
-__attribute__((visibility("default"))) void operator delete(void* p, std::size_t, std::align_val_t) noexcept { Delete(p); }
-__attribute__((visibility("default"))) void operator delete[](void* p, std::size_t, std::align_val_t) noexcept { Delete(p); }
-__attribute__((visibility("default"))) void operator delete(void* p, const std::nothrow_t&) noexcept { Delete(p); }
-__attribute__((visibility("default"))) void operator delete[](void* p, const std::nothrow_t&) noexcept { Delete(p); }
-
-// --- Locks and system calls ---------------------------------------------------------------
 
 // Defines `name` with the given parameters, counting it as `kind` and forwarding to the
 // C library's definition.
@@ -209,68 +124,66 @@ __attribute__((visibility("default"))) void operator delete[](void* p, const std
         return Next<result(*) parameters>(next, #name) arguments;                                \
     }
 
-TARNLOW_FORWARD(Kind::Lock, int, pthread_mutex_lock, (pthread_mutex_t * m), (m))
-TARNLOW_FORWARD(Kind::Lock, int, pthread_mutex_trylock, (pthread_mutex_t * m), (m))
-TARNLOW_FORWARD(Kind::Lock, int, pthread_mutex_timedlock, (pthread_mutex_t * m, const timespec* t), (m, t))
-TARNLOW_FORWARD(Kind::Lock, int, pthread_rwlock_rdlock, (pthread_rwlock_t * l), (l))
-TARNLOW_FORWARD(Kind::Lock, int, pthread_rwlock_wrlock, (pthread_rwlock_t * l), (l))
-TARNLOW_FORWARD(Kind::Lock, int, pthread_spin_lock, (pthread_spinlock_t * l), (l))
-TARNLOW_FORWARD(Kind::Lock, int, pthread_cond_wait, (pthread_cond_t * c, pthread_mutex_t* m), (c, m))
-TARNLOW_FORWARD(Kind::Lock, int, pthread_cond_timedwait, (pthread_cond_t * c, pthread_mutex_t* m, const timespec* t), (c, m, t))
-TARNLOW_FORWARD(Kind::Lock, int, sem_wait, (sem_t * s), (s))
-TARNLOW_FORWARD(Kind::Lock, int, sem_timedwait, (sem_t * s, const timespec* t), (s, t))
+TARNLOW_FORWARD(lock, int, pthread_mutex_lock, (pthread_mutex_t * m), (m))
+TARNLOW_FORWARD(lock, int, pthread_mutex_trylock, (pthread_mutex_t * m), (m))
+TARNLOW_FORWARD(lock, int, pthread_mutex_timedlock, (pthread_mutex_t * m, const timespec* t), (m, t))
+TARNLOW_FORWARD(lock, int, pthread_rwlock_rdlock, (pthread_rwlock_t * l), (l))
+TARNLOW_FORWARD(lock, int, pthread_rwlock_wrlock, (pthread_rwlock_t * l), (l))
+TARNLOW_FORWARD(lock, int, pthread_spin_lock, (pthread_spinlock_t * l), (l))
+TARNLOW_FORWARD(lock, int, pthread_cond_wait, (pthread_cond_t * c, pthread_mutex_t* m), (c, m))
+TARNLOW_FORWARD(lock, int, pthread_cond_timedwait, (pthread_cond_t * c, pthread_mutex_t* m, const timespec* t), (c, m, t))
+TARNLOW_FORWARD(lock, int, sem_wait, (sem_t * s), (s))
+TARNLOW_FORWARD(lock, int, sem_timedwait, (sem_t * s, const timespec* t), (s, t))
 
-TARNLOW_FORWARD(Kind::SystemCall, ssize_t, read, (int fd, void* data, size_t size), (fd, data, size))
-TARNLOW_FORWARD(Kind::SystemCall, ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
-TARNLOW_FORWARD(Kind::SystemCall, int, close, (int fd), (fd))
-TARNLOW_FORWARD(Kind::SystemCall, int, nanosleep, (const timespec* t, timespec* left), (t, left))
-TARNLOW_FORWARD(Kind::SystemCall, int, clock_nanosleep, (clockid_t c, int f, const timespec* t, timespec* left), (c, f, t, left))
-TARNLOW_FORWARD(Kind::SystemCall, int, usleep, (useconds_t us), (us))
-TARNLOW_FORWARD(Kind::SystemCall, unsigned, sleep, (unsigned s), (s))
-TARNLOW_FORWARD(Kind::SystemCall, int, sched_yield, (), ())
-TARNLOW_FORWARD(Kind::SystemCall, int, poll, (pollfd * fds, nfds_t n, int timeout), (fds, n, timeout))
-TARNLOW_FORWARD(Kind::SystemCall, int, select, (int n, fd_set* r, fd_set* w, fd_set* e, timeval* t), (n, r, w, e, t))
-TARNLOW_FORWARD(Kind::SystemCall, void*, mmap, (void* a, size_t n, int p, int f, int fd, off_t o), (a, n, p, f, fd, o))
-TARNLOW_FORWARD(Kind::SystemCall, int, munmap, (void* a, size_t n), (a, n))
-TARNLOW_FORWARD(Kind::SystemCall, int, mprotect, (void* a, size_t n, int p), (a, n, p))
-TARNLOW_FORWARD(Kind::SystemCall, FILE*, fopen, (const char* path, const char* mode), (path, mode))
-TARNLOW_FORWARD(Kind::SystemCall, size_t, fwrite, (const void* d, size_t s, size_t n, FILE* f), (d, s, n, f))
-TARNLOW_FORWARD(Kind::SystemCall, int, fflush, (FILE * f), (f))
+TARNLOW_FORWARD(systemCall, ssize_t, read, (int fd, void* data, size_t size), (fd, data, size))
+TARNLOW_FORWARD(systemCall, ssize_t, write, (int fd, const void* data, size_t size), (fd, data, size))
+TARNLOW_FORWARD(systemCall, int, close, (int fd), (fd))
+TARNLOW_FORWARD(systemCall, int, nanosleep, (const timespec* t, timespec* left), (t, left))
+TARNLOW_FORWARD(systemCall, int, clock_nanosleep, (clockid_t c, int f, const timespec* t, timespec* left), (c, f, t, left))
+TARNLOW_FORWARD(systemCall, int, usleep, (useconds_t us), (us))
+TARNLOW_FORWARD(systemCall, unsigned, sleep, (unsigned s), (s))
+TARNLOW_FORWARD(systemCall, int, sched_yield, (), ())
+TARNLOW_FORWARD(systemCall, int, poll, (pollfd * fds, nfds_t n, int timeout), (fds, n, timeout))
+TARNLOW_FORWARD(systemCall, int, select, (int n, fd_set* r, fd_set* w, fd_set* e, timeval* t), (n, r, w, e, t))
+TARNLOW_FORWARD(systemCall, void*, mmap, (void* a, size_t n, int p, int f, int fd, off_t o), (a, n, p, f, fd, o))
+TARNLOW_FORWARD(systemCall, int, munmap, (void* a, size_t n), (a, n))
+TARNLOW_FORWARD(systemCall, int, mprotect, (void* a, size_t n, int p), (a, n, p))
+TARNLOW_FORWARD(systemCall, FILE*, fopen, (const char* path, const char* mode), (path, mode))
+TARNLOW_FORWARD(systemCall, size_t, fwrite, (const void* d, size_t s, size_t n, FILE* f), (d, s, n, f))
+TARNLOW_FORWARD(systemCall, int, fflush, (FILE * f), (f))
 
-// The variadic ones pass on the optional arguments that the C library reads.
+// The variadic ones pass on the optional arguments that the C library reads: the mode of
+// open and openat (only read when a file may be created), six words for syscall (which
+// futex waits of std::atomic::wait and a contended call_once come through).
+#define TARNLOW_MODE(flags)                                                                      \
+    mode_t mode = 0;                                                                             \
+    if (((flags) & O_CREAT) != 0 || ((flags) & O_TMPFILE) == O_TMPFILE) {                        \
+        va_list rest;                                                                            \
+        va_start(rest, flags);                                                                   \
+        mode = mode_t(va_arg(rest, unsigned));                                                   \
+        va_end(rest);                                                                            \
+    }
+
 TARNLOW_INTERPOSE int open(const char* path, int flags, ...)
 {
     static std::atomic<void*> next{nullptr};
-    Note(Kind::SystemCall, "open");
-    mode_t mode = 0;
-    if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {
-        va_list rest;
-        va_start(rest, flags);
-        mode = mode_t(va_arg(rest, unsigned));
-        va_end(rest);
-    }
+    Note(systemCall, "open");
+    TARNLOW_MODE(flags)
     return Next<int (*)(const char*, int, ...)>(next, "open")(path, flags, mode);
 }
 
 TARNLOW_INTERPOSE int openat(int directory, const char* path, int flags, ...)
 {
     static std::atomic<void*> next{nullptr};
-    Note(Kind::SystemCall, "openat");
-    mode_t mode = 0;
-    if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {
-        va_list rest;
-        va_start(rest, flags);
-        mode = mode_t(va_arg(rest, unsigned));
-        va_end(rest);
-    }
+    Note(systemCall, "openat");
+    TARNLOW_MODE(flags)
     return Next<int (*)(int, const char*, int, ...)>(next, "openat")(directory, path, flags, mode);
 }
 
-// Futex waits (std::atomic::wait, contended call_once) come through here.
 TARNLOW_INTERPOSE long syscall(long number, ...)
 {
     static std::atomic<void*> next{nullptr};
-    Note(Kind::SystemCall, "syscall");
+    Note(systemCall, "syscall");
     va_list rest;
     va_start(rest, number);
     long a[6];

@@ -1,14 +1,13 @@
 #pragma once
 
 // Counts, per thread, the calls that an audio thread must never make: allocation and
-// release (malloc family and every global operator new and delete), locking (mutexes,
-// read-write locks, spin locks, condition and semaphore waits) and blocking or costly
-// system calls (file and socket I/O, sleeping, yielding, polling, mapping memory, raw
-// syscall()). RealTimeGuard.cpp defines those functions in the test executable, in front
-// of the C library, so that calls from the loaded libtarnlow.so land there as well.
-//
-// Only calls made while a RealTimeWatch lives on the calling thread are counted, so the
-// test framework and the set-up around the watched call stay free to allocate.
+// release (the malloc family, which libstdc++'s operator new and delete reach through the
+// PLT as well), locking (mutexes, read-write and spin locks, condition and semaphore
+// waits) and blocking or costly system calls (file and socket I/O, sleeping, yielding,
+// polling, mapping memory, raw syscall()). RealTimeGuard.cpp defines those functions in
+// the test executable, in front of the C library, so that calls from the loaded
+// libtarnlow.so land there as well. Only calls made while a RealTimeWatch lives on the
+// calling thread are counted, so the set-up around the watched call stays free to allocate.
 
 #include <string>
 
@@ -29,12 +28,9 @@ struct ForbiddenCalls {
 ForbiddenCalls Seen();
 void Clear();
 
-class RealTimeWatch {
-public:
+struct RealTimeWatch {
     RealTimeWatch();
     ~RealTimeWatch();
-    RealTimeWatch(const RealTimeWatch&) = delete;
-    RealTimeWatch& operator=(const RealTimeWatch&) = delete;
 };
 
 }  // namespace tarnlow::realtime

@@ -4,15 +4,17 @@
 //
 // For each of the five cabinets: one instance at the rate, audio in blocks of 2.5 ms on
 // the main thread, and a control thread that changes a control (microphone type, position,
-// both through a negative selector, or ResetA, in turn) once in every 10 ms of audio, while
-// the audio runs on. The audio runs as fast as it can; the control thread is kept within
-// one 10 ms step of it, so the changes land at their places in the sound. The input is a
-// sweep with noise, broken by silences. Checked: every output sample finite, the out-flag
-// 0 or 1, and resident memory flat after the warm-up (the first cabinet's first 10 s).
-// Prints one row per cabinet and the memory figures; exits 1 if a check fails.
+// both through a negative selector, or ResetA, in turn) once in every 10 ms of audio. The
+// two threads are kept within one 10 ms step of each other, so the changes land at their
+// places in the sound. The input is a sine sweep from 60 Hz to 6 kHz with noise 30 dB down,
+// at about -12 dBFS, silent one second in seven. Checked: every output sample finite, the
+// out-flag 0 or 1, every control change made, and resident memory after the warm-up (the
+// first cabinet's first 10 s) growing by at most 1 MiB. Prints one row per cabinet and the
+// memory figures; exits 1 if a check fails.
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -27,53 +29,13 @@
 
 namespace {
 
-const char* const cabinetNames[] = {"1x12", "2x12", "4x12", "4x10", "4x10Bass"};
-
 long ResidentKiB()
 {
     std::ifstream statm("/proc/self/statm");
-    long pages = 0;
-    long resident = 0;
+    long pages = 0, resident = 0;
     statm >> pages >> resident;
     return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
-
-struct CabinetFigures {
-    double audioSeconds = 0.0;
-    double wallSeconds = 0.0;
-    long controlChanges = 0;
-    long nonFinite = 0;
-    long badFlags = 0;
-    long silentFlags = 0;
-    float peak = 0.0f;
-};
-
-// The source: a slow sine sweep from 60 Hz to 6 kHz with noise 30 dB down, at about
-// -12 dBFS, silent for one second in every seven.
-class Source {
-public:
-    explicit Source(int32_t rate) : rate(rate), random(42) {}
-
-    void Fill(std::vector<float>& block)
-    {
-        std::uniform_real_distribution<float> noise(-1.0f, 1.0f);
-        for (float& v : block) {
-            const double t = double(sample++) / rate;
-            const bool silent = std::fmod(t, 7.0) >= 6.0;
-            const double sweep = std::fmod(t, 20.0) / 20.0;
-            const double frequency = 60.0 * std::pow(100.0, sweep);
-            phase += 2.0 * M_PI * frequency / rate;
-            if (phase > 2.0 * M_PI) phase -= 2.0 * M_PI;
-            v = silent ? 0.0f : float(0.25 * std::sin(phase)) + 0.008f * noise(random);
-        }
-    }
-
-private:
-    int32_t rate;
-    std::mt19937 random;
-    long sample = 0;
-    double phase = 0.0;
-};
 
 }  // namespace
 
@@ -85,34 +47,31 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "usage: tarnlow_soak [audio-seconds-per-cabinet] [rate]\n");
         return 2;
     }
-    const int32_t blockLength = rate / 400;    // 2.5 ms
-    const int64_t controlStep = rate / 100;    // 10 ms
-    const int64_t warmUpSamples = int64_t(rate) * 10;
+    const int32_t blockLength = rate / 400;  // 2.5 ms
+    const int64_t controlStep = rate / 100;  // 10 ms
     const int64_t totalSamples = int64_t(secondsPerCabinet * rate);
-
-    std::printf("soak: %.0f s of audio per cabinet at %d Hz, blocks of %d, a control change every %lld samples\n",
-                secondsPerCabinet, rate, blockLength, static_cast<long long>(controlStep));
-    std::printf("| cabinet | audio s | wall s | x real time | control changes | non-finite | bad flags | silent blocks | peak |\n");
+    const char* const cabinetNames[] = {"1x12", "2x12", "4x12", "4x10", "4x10Bass"};
+    std::printf(
+        "soak: %.0f s of audio per cabinet at %d Hz, blocks of %d, a control change every %lld samples\n",
+        secondsPerCabinet, rate, blockLength, static_cast<long long>(controlStep));
+    std::printf(
+        "| cabinet | audio s | wall s | x real time | control changes | non-finite | bad flags | silent "
+        "blocks | peak |\n");
     std::printf("|---|---|---|---|---|---|---|---|---|\n");
 
-    long residentAfterWarmUp = -1;
-    long residentHighest = 0;
+    long residentAfterWarmUp = -1, residentHighest = 0;
     bool failed = false;
     std::vector<float> block(static_cast<std::size_t>(blockLength));
-
     for (int32_t cabinet = 0; cabinet < 5; ++cabinet) {
         void* instance = CreateInstanceU();
         SetSampleRateU(instance, rate);
         SetParameterA(instance, 0, float(cabinet));
-
-        // Samples the audio thread has finished, and the last 10 ms step the control
-        // thread has served. Release/acquire: each side reads the other's progress only to
-        // pace itself; the instance's own hand-over is the library's business.
-        std::atomic<int64_t> audioDone{0};
-        std::atomic<int64_t> stepsServed{0};
+        // Samples the audio thread has finished, and the 10 ms steps the control thread has
+        // served. Release/acquire: each side reads the other's progress only to pace itself.
+        std::atomic<int64_t> audioDone{0}, stepsServed{0};
         std::atomic<bool> running{true};
-        CabinetFigures figures;
-
+        long controlChanges = 0, nonFinite = 0, badFlags = 0, silentFlags = 0;
+        float peak = 0.0f;
         std::thread control([&] {
             int64_t step = 0;
             while (running.load(std::memory_order_acquire)) {
@@ -121,67 +80,80 @@ int main(int argc, char** argv)
                     continue;
                 }
                 switch (step % 4) {
-                case 0: SetParameterA(instance, 1, float((step / 4) % 2)); break;
-                case 1: SetParameterA(instance, 2, float((step / 4) % 3)); break;
-                case 2: SetParameterA(instance, -1, float((step / 8) % 2)); break;
-                default: ResetA(instance); break;
+                    case 0:
+                        SetParameterA(instance, 1, float((step / 4) % 2));
+                        break;
+                    case 1:
+                        SetParameterA(instance, 2, float((step / 4) % 3));
+                        break;
+                    case 2:
+                        SetParameterA(instance, -1, float((step / 8) % 2));
+                        break;
+                    default:
+                        ResetA(instance);
+                        break;
                 }
-                ++step;
-                stepsServed.store(step, std::memory_order_release);
+                stepsServed.store(++step, std::memory_order_release);
             }
-            figures.controlChanges = step;
+            controlChanges = step;
         });
 
-        Source source(rate);
+        std::mt19937 random(42);
+        std::uniform_real_distribution<float> noise(-1.0f, 1.0f);
+        double phase = 0.0;
         const auto start = std::chrono::steady_clock::now();
         for (int64_t done = 0; done < totalSamples; done += blockLength) {
-            // Stay within one step of the control thread, so that no change is skipped.
-            while (stepsServed.load(std::memory_order_acquire) + 1 < done / controlStep) std::this_thread::yield();
-            source.Fill(block);
+            while (stepsServed.load(std::memory_order_acquire) + 1 < done / controlStep)
+                std::this_thread::yield();
+            for (std::size_t i = 0; i < block.size(); ++i) {
+                const double t = double(done + int64_t(i)) / rate;
+                phase =
+                    std::fmod(phase + 2.0 * M_PI * 60.0 * std::pow(100.0, std::fmod(t, 20.0) / 20.0) / rate,
+                              2.0 * M_PI);
+                block[i] =
+                    std::fmod(t, 7.0) >= 6.0 ? 0.0f : float(0.25 * std::sin(phase)) + 0.008f * noise(random);
+            }
             int32_t flag = -1;
             CalcA(instance, blockLength, block.data(), nullptr, nullptr, nullptr, nullptr, &flag);
             for (float v : block) {
-                if (!std::isfinite(v))
-                    ++figures.nonFinite;
-                else if (std::fabs(v) > figures.peak)
-                    figures.peak = std::fabs(v);
+                nonFinite += std::isfinite(v) ? 0 : 1;
+                peak = std::isfinite(v) ? std::max(peak, std::fabs(v)) : peak;
             }
-            figures.badFlags += (flag == 0 || flag == 1) ? 0 : 1;
-            figures.silentFlags += flag == 0 ? 1 : 0;
+            badFlags += (flag == 0 || flag == 1) ? 0 : 1;
+            silentFlags += flag == 0 ? 1 : 0;
             audioDone.store(done + blockLength, std::memory_order_release);
-
             if ((done / blockLength) % 4000 == 0 || done + blockLength >= totalSamples) {
                 const long resident = ResidentKiB();
-                if (cabinet == 0 && residentAfterWarmUp < 0 && done >= warmUpSamples) residentAfterWarmUp = resident;
+                if (cabinet == 0 && residentAfterWarmUp < 0 && done >= int64_t(rate) * 10)
+                    residentAfterWarmUp = resident;
                 if (residentAfterWarmUp >= 0 && resident > residentHighest) residentHighest = resident;
             }
         }
-        figures.wallSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        figures.audioSeconds = double(totalSamples) / rate;
+        const double wallSeconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        const double audioSeconds = double(totalSamples) / rate;
         running.store(false, std::memory_order_release);
         control.join();
         DestroyInstanceU(instance);
-
         std::printf("| %s | %.0f | %.1f | %.1f | %ld | %ld | %ld | %ld | %.3f |\n", cabinetNames[cabinet],
-                    figures.audioSeconds, figures.wallSeconds, figures.audioSeconds / figures.wallSeconds,
-                    figures.controlChanges, figures.nonFinite, figures.badFlags, figures.silentFlags,
-                    double(figures.peak));
+                    audioSeconds, wallSeconds, audioSeconds / wallSeconds, controlChanges, nonFinite,
+                    badFlags, silentFlags, double(peak));
         std::fflush(stdout);
         // The control thread may trail the audio by up to two steps when the audio stops.
-        const long expectedChanges = long(totalSamples / controlStep);
-        if (figures.nonFinite != 0 || figures.badFlags != 0 || figures.controlChanges + 2 < expectedChanges)
-            failed = true;
+        failed = failed || nonFinite != 0 || badFlags != 0 ||
+                 controlChanges + 2 < long(totalSamples / controlStep);
     }
 
     const long residentAtEnd = ResidentKiB();
     if (residentAfterWarmUp < 0) residentAfterWarmUp = residentAtEnd;  // a run shorter than the warm-up
     const long growth = residentHighest - residentAfterWarmUp;
-    std::printf("resident memory: %ld KiB after warm-up, %ld KiB at most afterwards, %ld KiB at the end (growth %ld KiB)\n",
-                residentAfterWarmUp, residentHighest, residentAtEnd, growth);
+    std::printf(
+        "resident memory: %ld KiB after warm-up, %ld KiB at most afterwards, %ld KiB at the end (growth %ld "
+        "KiB)\n",
+        residentAfterWarmUp, residentHighest, residentAtEnd, growth);
     // Instances are made and destroyed between cabinets; the allocator may keep a few
     // pages of each, but nothing may grow with the length of the run.
-    constexpr long allowedGrowthKiB = 1024;
-    if (growth > allowedGrowthKiB) failed = true;
+    failed = failed || growth > 1024;
     std::printf("%s\n", failed ? "FAILED" : "passed");
     return failed ? 1 : 0;
 }

@@ -1,44 +1,107 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
 #include "engine/CQuorvexAmp.h"
+#include "engine/FlushToZero.h"
 
 namespace tarnlow::testing {
 
-// A small amp for frame and room tests: a gain of `scale`, a call log, and parameter
-// records whose names the test chooses (public first, then hidden ones).
+// One call on the model, in the order the frame made it.
+struct ModelEvent {
+    enum Kind { process, update } kind;
+    int32_t count;              // samples of a Process call
+    bool immediate;             // of an Update call
+    int32_t bank;               // of an Update call
+    const CQuorvexBus* status;  // the status bus an Update call sees
+};
+
+// A mono amp at 44100 Hz whose model multiplies by `factor` (2 unless changed) and overrides
+// only ProcessSample and the three-argument Update, as a model of the frame is expected to.
+// It logs what the frame asks of it, counts resets and, in the first word of its state if
+// it has one, the samples processed in that generation; it owns parameter records named
+// by the test (stepped in two, meter kind 1), public names first.
 class RecordingAmp : public CQuorvexAmp {
 public:
-    explicit RecordingAmp(std::vector<std::string> names = {"MicrophoneType", "MicrophonePosition"},
-                          float scale = 1.0f)
-        : scale(scale)
+    using CQuorvexAmp::Update;
+
+    explicit RecordingAmp(const std::vector<std::string>& names = {}, int32_t latency = 0,
+                          bool multiMonoSwitch = false, bool outputPeakMetersSwitch = false)
+        : CQuorvexAmp(multiMonoSwitch, outputPeakMetersSwitch), latency(latency)
     {
-        sampleRate = 48000;
+        sampleRate = 44100;
+        events.reserve(4096);
         parameterCount = int32_t(names.size());
-        parameters = new CQuorvexParameter[names.size()];
+        if (!names.empty()) parameters = new CQuorvexParameter[names.size()];
         for (std::size_t i = 0; i < names.size(); ++i)
-            parameters[i].Init(0x74737430u + uint32_t(i), names[i].c_str(), names[i].c_str(), 1, 0.0f, 2, true, 1);
+            parameters[i].Init(0x74737430u + uint32_t(i), names[i].c_str(), names[i].c_str(), 1, 0.0f, 2,
+                               true, 1);
     }
     ~RecordingAmp() override { delete[] parameters; }
 
-    float ProcessSample(float x) override { return x * scale; }
-    void Update(bool immediate, int32_t, int32_t) override
+    float ProcessSample(float x) override
     {
-        ++updates;
-        if (immediate) ++immediateUpdates;
+        ++sampleCalls;
+        return x * factor;
+    }
+    void Process(float** inputs, float** outputs, int32_t count, bool inputIsSingle, bool outputIsSingle,
+                 float** sideInputs, int32_t sideCount) override
+    {
+        events.push_back({ModelEvent::process, count, false, 0, nullptr});
+        if (busState->GetCount() > 0) *static_cast<int32_t*>(busState->GetElement(0)) += count;
+        controlWordInProcess = ReadFloatControl();
+        CQuorvexAmp::Process(inputs, outputs, count, inputIsSingle, outputIsSingle, sideInputs, sideCount);
+    }
+    void Update(bool immediate, int32_t, int32_t bank) override
+    {
+        events.push_back({ModelEvent::update, 0, immediate, bank, busStatus});
     }
     void Reset() override
     {
         ++resets;
         CQuorvexAmp::Reset();
     }
+    int32_t GetLatency() override { return latency; }
 
-    float scale;
-    int updates = 0;
-    int immediateUpdates = 0;
+    // The banks of the logged Update calls of one kind of immediacy, in order.
+    std::vector<int32_t> UpdateBanks(bool immediate) const
+    {
+        std::vector<int32_t> banks;
+        for (const ModelEvent& e : events)
+            if (e.kind == ModelEvent::update && e.immediate == immediate) banks.push_back(e.bank);
+        return banks;
+    }
+
+    int32_t latency;
+    float factor = 2.0f;
+    int64_t sampleCalls = 0;
     int resets = 0;
+    std::vector<ModelEvent> events;
+    FloatControlWord controlWordInProcess = 0;
 };
+
+inline int32_t WordAt(const CQuorvexBus& bus, int32_t index)
+{
+    return *static_cast<int32_t*>(bus.GetElement(index));
+}
+
+// One mono channel in place, the way the exported entry calls an amp.
+inline void RunMono(CQuorvexAmp& amp, std::vector<float>& buffer, int32_t count, float gain = 1.0f)
+{
+    float* channels[1] = {buffer.data()};
+    amp.ProcessBlock(channels, channels, count, gain, nullptr, 0);
+}
+
+// Channel groups of the test's buffers; in place when `outputs` is left empty.
+inline void RunGroup(CQuorvexAmp& amp, std::vector<std::vector<float>*> inputs, int32_t count,
+                     float gain = 1.0f, std::vector<std::vector<float>*> outputs = {})
+{
+    std::vector<float*> in, out;
+    for (std::vector<float>* buffer : inputs) in.push_back(buffer->data());
+    for (std::vector<float>* buffer : outputs) out.push_back(buffer->data());
+    amp.ProcessBlock(in.data(), outputs.empty() ? in.data() : out.data(), count, gain, nullptr, 0);
+}
 
 }  // namespace tarnlow::testing

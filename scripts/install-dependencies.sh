@@ -5,7 +5,7 @@ packages=(
   build-essential cmake pkg-config
   libgtest-dev libgmock-dev libbenchmark-dev libzita-convolver-dev
   libsndfile1-dev
-  lv2-dev lilv-utils sordi
+  lv2-dev lilv-utils sordi jalv jackd2
   binutils
   clang libclang-rt-14-dev
   python3 python3-numpy python3-scipy python3-matplotlib python3-pytest

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# The LV2 bundle as hosts see it: valid Turtle, found by lilv, run by lv2apply.
+# The LV2 bundle as hosts see it: valid Turtle, found by lilv, run by lv2apply, and run
+# live by jalv on a JACK server with the dummy driver.
 # usage: lv2_bundle_test.sh BUNDLE SCHEMA_DIR AUDIO_TOOL RENDER CASE
 # RENDER may be "-" when tarnlow-render is not built.
 set -u
@@ -93,6 +94,27 @@ lv2apply_controls)
     "$uri" 2>errors.txt || fail "lv2apply blend: $(cat errors.txt)"
   "$audio" expect-render in.wav blended.wav || fail "blended output"
   ! "$audio" expect-equal bass.wav blended.wav >/dev/null 2>&1 || fail "the blend changed nothing"
+  ;;
+jalv)
+  need jalv
+  need jackd
+  need jack_lsp
+  export JACK_DEFAULT_SERVER="tarnlow-test-$$" JACK_NO_AUDIO_RESERVATION=1
+  jackd --no-realtime -d dummy -r 48000 -p 256 >jackd.txt 2>&1 &
+  jack=$!
+  trap 'kill "$jack" 2>/dev/null; wait "$jack" 2>/dev/null; rm -rf "$work"' EXIT
+  for _ in $(seq 100); do jack_lsp >/dev/null 2>&1 && break; sleep 0.1; done
+  jack_lsp >/dev/null 2>&1 || fail "jackd with the dummy driver did not start: $(cat jackd.txt)"
+  # jalv takes commands on its input: once it runs, the ports are listed, the speaker is
+  # changed (through the worker, as a host's control change goes) and the controls are
+  # printed; jalv ends when its input does.
+  { sleep 1; jack_lsp >ports.txt; echo "speaker = 3"; sleep 1; echo "controls"; sleep 0.5; } |
+    timeout 30 jalv -n tarnlow-test -c speaker=2 -c mic=1 "$uri" >jalv.txt 2>&1 || fail "jalv: $(cat jalv.txt)"
+  grep -q "^Plugin: *$uri" jalv.txt || fail "jalv did not load the plug-in: $(cat jalv.txt)"
+  grep -qx "tarnlow-test:in" ports.txt || fail "no input port: $(cat ports.txt)"
+  grep -qx "tarnlow-test:out" ports.txt || fail "no output port: $(cat ports.txt)"
+  grep -q "speaker = 3.000000" jalv.txt || fail "the speaker change did not arrive: $(cat jalv.txt)"
+  grep -i "error" jalv.txt && fail "jalv reported an error"
   ;;
 *)
   fail "unknown case"

@@ -24,7 +24,9 @@ namespace tarnlow::speaker_network {
 //   first order:  c3 carries the record's c2 and s1 stays -0.0, so s0' = (s + c1 x) - c2 y;
 //   pass-through (the missing through of an f stage): c0 = 1, s0 = s1 = -0.0, so y = x;
 //   idle:         all coefficients 0; nothing reads its output, so its words run free.
-// Multiplying the other lanes' inputs by 1.0 beside the position gain is exact.
+// The position gain multiplies the whole vector that comes into the first chain vector, of
+// which only the last lane, the pre-sections' through output, is read; without
+// pre-sections it multiplies the input before the steps.
 
 inline constexpr int32_t lanesPerVector = 8;
 inline constexpr int32_t unitsPerVector = lanesPerVector / 2;

@@ -26,11 +26,11 @@ run_asan() {
   cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNLOW_BUILD_TESTS=ON \
     -DTARNLOW_SANITIZE=address,undefined -DCMAKE_CXX_FLAGS="-fno-sanitize-recover=undefined"
   cmake --build "$build" -j "$jobs"
-  # Tests in which a program built without ASan (lv2apply, the install consumers) loads
+  # Tests in which a program built without ASan (lv2apply, jalv, the install consumers) loads
   # the instrumented library need the runtime preloaded into every process of the test
   # (shell, cmake, make, compilers too). Those programs are not ours: their leaks and
   # their loose string reads are not checked there, only the default memory errors.
-  local foreign_hosts='^(lv2_bundle\.lv2apply|install\.)'
+  local foreign_hosts='^(lv2_bundle\.(lv2apply|jalv)|install\.)'
   ctest --test-dir "$build" --output-on-failure -j "$jobs" --timeout 900 -E "$foreign_hosts"
   LD_PRELOAD="$("${CXX:-g++}" -print-file-name=libasan.so)" ASAN_OPTIONS="detect_leaks=0" \
     ctest --test-dir "$build" --output-on-failure -j "$jobs" --timeout 900 -R "$foreign_hosts"

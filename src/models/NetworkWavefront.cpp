@@ -334,24 +334,45 @@ template <int32_t preSectionCount, int32_t stageCount>
     RunSteps<preSectionCount, stageCount>(network, tail, input, output, count, positionGain, state);
 }
 
-bool ProcessorHasWideLanes()
+// Still eight lanes, with the 32 vector registers of the newer instruction set: the vectors'
+// words and the temporaries of a step then fit without spilling to the stack.
+template <int32_t preSectionCount, int32_t stageCount>
+[[gnu::target("avx2,avx512f,avx512vl")]] void RunWideManyRegisters(
+    const PackedNetwork& network, const NetworkTail& tail, const float* input, float* output,
+    int32_t count, float positionGain, float* state) noexcept
 {
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("avx2");
+    RunSteps<preSectionCount, stageCount>(network, tail, input, output, count, positionGain, state);
 }
 #endif
 
-std::atomic<bool> baselineOnly{false};
+std::atomic<KernelSet> kernelLimit{KernelSet::widest};
+
+// The widest kernel the processor runs, within the limit set for the tests.
+KernelSet UsableKernels()
+{
+    const KernelSet limit = kernelLimit.load(std::memory_order_relaxed);
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_cpu_init();
+    if (limit == KernelSet::widest && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl")) {
+        return KernelSet::widest;
+    }
+    if (limit != KernelSet::baseline && __builtin_cpu_supports("avx2")) return KernelSet::eightLanes;
+#else
+    (void)limit;
+#endif
+    return KernelSet::baseline;
+}
 
 template <int32_t preSectionCount, int32_t stageCount>
 NetworkKernel ChooseKernel()
 {
+    switch (UsableKernels()) {
 #if defined(__x86_64__) || defined(__i386__)
-    if (!baselineOnly.load(std::memory_order_relaxed) && ProcessorHasWideLanes()) {
-        return &RunWide<preSectionCount, stageCount>;
-    }
+    case KernelSet::widest: return &RunWideManyRegisters<preSectionCount, stageCount>;
+    case KernelSet::eightLanes: return &RunWide<preSectionCount, stageCount>;
 #endif
-    return &RunBaseline<preSectionCount, stageCount>;
+    default: return &RunBaseline<preSectionCount, stageCount>;
+    }
 }
 
 template <int32_t preSectionCount>
@@ -367,9 +388,14 @@ NetworkKernel ChooseKernel(int32_t stageCount)
 
 }  // namespace
 
-void UseBaselineKernels(bool baseline)
+void LimitKernels(KernelSet limit)
 {
-    baselineOnly.store(baseline, std::memory_order_relaxed);
+    kernelLimit.store(limit, std::memory_order_relaxed);
+}
+
+KernelSet KernelsInUse()
+{
+    return UsableKernels();
 }
 
 PackedNetwork PackNetwork(const ChainLayout& chain, int32_t preSectionCount,

@@ -107,9 +107,16 @@ struct PackedNetwork {
     NetworkKernel kernel = nullptr;
 };
 
-// Networks packed from now on use the baseline kernel even where the processor has the
-// wider lanes. For the tests and the benchmarks, which compare the two; set-up only.
-void UseBaselineKernels(bool baseline);
+// The kernels, from the widest down: eight lanes with 32 registers (AVX-512VL), eight lanes
+// (AVX2), and the baseline x86-64 instructions. A network takes the widest the processor
+// runs, within the limit set here.
+enum class KernelSet : uint8_t { widest, eightLanes, baseline };
+
+// Networks packed from now on use kernels no wider than limit. For the tests and the
+// benchmarks, which compare them; set-up only.
+void LimitKernels(KernelSet limit);
+// What a network packed now would use.
+KernelSet KernelsInUse();
 
 // Pre-sections 0 to 2 and stages 10 to 12, as the catalogue has them; otherwise the
 // network has no kernel. constants and state are the model's tables; the pre-section records and words are at the

@@ -151,10 +151,6 @@ template <int32_t preSectionCount, int32_t stageCount>
         std::memcpy(&linePositions[line], tail.lineWords[line], sizeof(int32_t));
         lines[line] = tail.lineWords[line] + 1;
     }
-    const float a0 = tail.ambienceRecord[0], a1 = tail.ambienceRecord[1], a2 = tail.ambienceRecord[2],
-                a3 = tail.ambienceRecord[3], a4 = tail.ambienceRecord[4];
-    float ambienceS0 = tail.ambienceState[0];
-    float ambienceS1 = tail.ambienceState[1];
 
     // Whatever multiplies the input is done here, in one pass over the period, rather than
     // step by step: a subnormal input takes the processor's slow path, which costs far more
@@ -280,14 +276,7 @@ template <int32_t preSectionCount, int32_t stageCount>
         lineInput = diffused;
     }
 
-    for (int32_t i = 0; i < count; ++i) {
-        const float x = diffused[i];
-        const float ambience = a0 * x + ambienceS0;
-        const float nextS0 = ((ambienceS0 + ambienceS1) + a1 * x) - a3 * ambience;
-        ambienceS1 = (ambienceS1 + a2 * x) - a4 * ambience;
-        ambienceS0 = nextS0;
-        diffused[i] = ambience;
-    }
+    RunSection(diffused, diffused, count, tail.ambienceRecord, tail.ambienceState);
     for (int32_t i = 0; i < count; ++i) {
         const float wet = diffused[i] * tail.ambienceGain;
         output[i] = (direct[i] * tail.directGain + wet) * tail.outputGain;
@@ -296,8 +285,6 @@ template <int32_t preSectionCount, int32_t stageCount>
     for (int32_t line = 0; line < allPassLineCount; ++line) {
         std::memcpy(tail.lineWords[line], &linePositions[line], sizeof(int32_t));
     }
-    tail.ambienceState[0] = FlushTinyState(ambienceS0);
-    tail.ambienceState[1] = FlushTinyState(ambienceS1);
 
     const Lanes tiny = Lanes{} + 1e-30f;
     const LaneBits magnitudeBits = LaneBits{} + 0x7fffffff;

@@ -3,6 +3,11 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <limits>
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#endif
 
 #include "engine/FrameConstants.h"
 #include "models/Sections.h"
@@ -87,6 +92,38 @@ void PackLane(PackedNetwork& network, int32_t lane, LaneKind kind, const float* 
     }
 }
 
+// Lays the word places out as windows; leaves wordsInWindows false if a vector's words
+// spread over more than a window.
+void PlaceWindows(PackedNetwork& network)
+{
+    int32_t start[maxNetworkVectors];
+    std::fill_n(start, maxNetworkVectors, std::numeric_limits<int32_t>::max());
+    for (int32_t at = 0; at < network.wordPlaceCount; ++at) {
+        const PackedNetwork::WordPlace place = network.wordPlaces[at];
+        const int32_t vector = place.lane % maxNetworkLanes / lanesPerVector;
+        start[vector] = std::min<int32_t>(start[vector], place.word);
+    }
+    for (int32_t vector = 0; vector < maxNetworkVectors; ++vector) {
+        network.windows[vector] = {};
+        network.windows[vector].windowStart = start[vector] == std::numeric_limits<int32_t>::max() ? 0 : start[vector];
+    }
+    for (int32_t at = 0; at < network.wordPlaceCount; ++at) {
+        const PackedNetwork::WordPlace place = network.wordPlaces[at];
+        const bool isS1 = place.lane >= maxNetworkLanes;
+        const int32_t lane = place.lane % maxNetworkLanes % lanesPerVector;
+        PackedNetwork::WordWindow& window = network.windows[place.lane % maxNetworkLanes / lanesPerVector];
+        const int32_t offset = place.word - window.windowStart;
+        if (offset >= 2 * lanesPerVector) return;
+        window.inWindow[offset] = allBits;
+        window.inWindowBits |= 1u << offset;
+        window.toWindow[offset] = lane + (isS1 ? lanesPerVector : 0);
+        (isS1 ? window.fromWindowS1 : window.fromWindowS0)[lane] = offset;
+        (isS1 ? window.placedS1 : window.placedS0)[lane] = allBits;
+        (isS1 ? window.placedS1Bits : window.placedS0Bits) |= 1u << lane;
+    }
+    network.wordsInWindows = true;
+}
+
 inline Lanes KeepOrForce(Lanes value, const int32_t* keep, const int32_t* forced) noexcept
 {
     LaneBits keepBits, forcedBits;
@@ -114,32 +151,122 @@ inline Lanes Load(const float* from) noexcept
     return value;
 }
 
+// How a kernel brings the state words into lanes and takes them back: word by word through
+// the places, or window by window (see PackedNetwork::WordWindow) with the eight-lane
+// permutations and masked loads and stores of AVX2, or the two-table permutations and
+// mask registers of AVX-512VL. A lane without the word holds -0.0 either way.
+enum class WordAccess : uint8_t { placeByPlace, eightLaneWindows, maskedWindows };
+
+#if defined(__x86_64__) || defined(__i386__)
+// Index loads written out in each function rather than through a shared helper: clang
+// refuses a wide vector returned by a function built without the wide instructions.
+#define TARNLOW_LOAD_INDICES(from) _mm256_loadu_si256(reinterpret_cast<const __m256i*>(from))
+
+// A lane's word from the two halves of its window, by the window place 0-15.
+[[gnu::target("avx2")]] inline __m256 PickFromWindow(__m256 low, __m256 high, const int32_t* places) noexcept
+{
+    const __m256i place = TARNLOW_LOAD_INDICES(places);
+    const __m256 fromHigh = _mm256_castsi256_ps(_mm256_cmpgt_epi32(place, _mm256_set1_epi32(lanesPerVector - 1)));
+    return _mm256_blendv_ps(_mm256_permutevar8x32_ps(low, place), _mm256_permutevar8x32_ps(high, place), fromHigh);
+}
+
+[[gnu::target("avx2")]] inline __m256 KeepPlaced(__m256 value, const int32_t* placed) noexcept
+{
+    const __m256 placedBits = _mm256_loadu_ps(reinterpret_cast<const float*>(placed));
+    return _mm256_or_ps(_mm256_and_ps(value, placedBits), _mm256_andnot_ps(placedBits, _mm256_set1_ps(-0.0f)));
+}
+
+[[gnu::target("avx2")]] void LoadWindowsEightLanes(const PackedNetwork& network, const float* state,
+                                                   Lanes* s0, Lanes* s1, int32_t vectorCount) noexcept
+{
+    for (int32_t v = 0; v < vectorCount; ++v) {
+        const PackedNetwork::WordWindow& window = network.windows[v];
+        const float* from = state + window.windowStart;
+        const __m256 low = _mm256_maskload_ps(from, TARNLOW_LOAD_INDICES(window.inWindow));
+        const __m256 high = _mm256_maskload_ps(from + lanesPerVector, TARNLOW_LOAD_INDICES(window.inWindow + lanesPerVector));
+        _mm256_storeu_ps(reinterpret_cast<float*>(&s0[v]), KeepPlaced(PickFromWindow(low, high, window.fromWindowS0), window.placedS0));
+        _mm256_storeu_ps(reinterpret_cast<float*>(&s1[v]), KeepPlaced(PickFromWindow(low, high, window.fromWindowS1), window.placedS1));
+    }
+}
+
+[[gnu::target("avx2")]] void StoreWindowsEightLanes(const PackedNetwork& network, float* state,
+                                                    const Lanes* s0, const Lanes* s1, int32_t vectorCount) noexcept
+{
+    for (int32_t v = 0; v < vectorCount; ++v) {
+        const PackedNetwork::WordWindow& window = network.windows[v];
+        float* to = state + window.windowStart;
+        const __m256 s0Lanes = _mm256_loadu_ps(reinterpret_cast<const float*>(&s0[v]));
+        const __m256 s1Lanes = _mm256_loadu_ps(reinterpret_cast<const float*>(&s1[v]));
+        _mm256_maskstore_ps(to, TARNLOW_LOAD_INDICES(window.inWindow), PickFromWindow(s0Lanes, s1Lanes, window.toWindow));
+        _mm256_maskstore_ps(to + lanesPerVector, TARNLOW_LOAD_INDICES(window.inWindow + lanesPerVector),
+                            PickFromWindow(s0Lanes, s1Lanes, window.toWindow + lanesPerVector));
+    }
+}
+
+[[gnu::target("avx2,avx512f,avx512vl")]] void LoadWindowsMasked(const PackedNetwork& network, const float* state,
+                                                                Lanes* s0, Lanes* s1, int32_t vectorCount) noexcept
+{
+    const __m256 negativeZero = _mm256_set1_ps(-0.0f);
+    for (int32_t v = 0; v < vectorCount; ++v) {
+        const PackedNetwork::WordWindow& window = network.windows[v];
+        const float* from = state + window.windowStart;
+        const __m256 low = _mm256_maskz_loadu_ps(static_cast<__mmask8>(window.inWindowBits), from);
+        const __m256 high = _mm256_maskz_loadu_ps(static_cast<__mmask8>(window.inWindowBits >> lanesPerVector),
+                                                  from + lanesPerVector);
+        const __m256 pickedS0 = _mm256_permutex2var_ps(low, TARNLOW_LOAD_INDICES(window.fromWindowS0), high);
+        const __m256 pickedS1 = _mm256_permutex2var_ps(low, TARNLOW_LOAD_INDICES(window.fromWindowS1), high);
+        _mm256_storeu_ps(reinterpret_cast<float*>(&s0[v]), _mm256_mask_blend_ps(static_cast<__mmask8>(window.placedS0Bits), negativeZero, pickedS0));
+        _mm256_storeu_ps(reinterpret_cast<float*>(&s1[v]), _mm256_mask_blend_ps(static_cast<__mmask8>(window.placedS1Bits), negativeZero, pickedS1));
+    }
+}
+
+[[gnu::target("avx2,avx512f,avx512vl")]] void StoreWindowsMasked(const PackedNetwork& network, float* state,
+                                                                 const Lanes* s0, const Lanes* s1, int32_t vectorCount) noexcept
+{
+    for (int32_t v = 0; v < vectorCount; ++v) {
+        const PackedNetwork::WordWindow& window = network.windows[v];
+        float* to = state + window.windowStart;
+        const __m256 s0Lanes = _mm256_loadu_ps(reinterpret_cast<const float*>(&s0[v]));
+        const __m256 s1Lanes = _mm256_loadu_ps(reinterpret_cast<const float*>(&s1[v]));
+        _mm256_mask_storeu_ps(to, static_cast<__mmask8>(window.inWindowBits),
+                              _mm256_permutex2var_ps(s0Lanes, TARNLOW_LOAD_INDICES(window.toWindow), s1Lanes));
+        _mm256_mask_storeu_ps(to + lanesPerVector, static_cast<__mmask8>(window.inWindowBits >> lanesPerVector),
+                              _mm256_permutex2var_ps(s0Lanes, TARNLOW_LOAD_INDICES(window.toWindow + lanesPerVector), s1Lanes));
+    }
+}
+#undef TARNLOW_LOAD_INDICES
+#endif
+
 // The kernel for preSectionCount pre-sections and stageCount stages. The vectors' words stay
 // in registers through the steps; each vector works only in the steps where one of its units
 // has a sample, and in the steps where only some have, the others keep their words.
-template <int32_t preSectionCount, int32_t stageCount>
+template <WordAccess wordAccess, int32_t preSectionCount, int32_t stageCount>
 [[gnu::always_inline]] inline void RunSteps(const PackedNetwork& network, const NetworkTail& tail,
                                             const float* input, float* output, int32_t count,
                                             float positionGain, float* state) noexcept
 {
     constexpr NetworkPositions positions = PositionsOf(preSectionCount, stageCount);
     constexpr int32_t vectorCount = positions.vectorCount;
-    // Lane-wise copies of the words: s0 of every lane, then s1. A lane without the word
-    // holds -0.0.
-    alignas(32) float laneWords[2 * maxNetworkLanes];
-    for (float& word : laneWords) word = -0.0f;
-    const int32_t placeCount = network.wordPlaceCount;
-    for (int32_t at = 0; at < placeCount; ++at) {
-        laneWords[network.wordPlaces[at].lane] = state[network.wordPlaces[at].word];
-    }
     Lanes s0[vectorCount];
     Lanes s1[vectorCount];
     Lanes y[vectorCount];
-    for (int32_t v = 0; v < vectorCount; ++v) {
-        s0[v] = Load(laneWords + v * lanesPerVector);
-        s1[v] = Load(laneWords + maxNetworkLanes + v * lanesPerVector);
-        y[v] = Lanes{};
+    // Lane-wise copies of the words, s0 of every lane, then s1, where they go word by word.
+    alignas(32) float laneWords[2 * maxNetworkLanes];
+    if constexpr (wordAccess == WordAccess::placeByPlace) {
+        for (float& word : laneWords) word = -0.0f;
+        for (int32_t at = 0; at < network.wordPlaceCount; ++at) {
+            laneWords[network.wordPlaces[at].lane] = state[network.wordPlaces[at].word];
+        }
+        for (int32_t v = 0; v < vectorCount; ++v) {
+            s0[v] = Load(laneWords + v * lanesPerVector);
+            s1[v] = Load(laneWords + maxNetworkLanes + v * lanesPerVector);
+        }
     }
+#if defined(__x86_64__) || defined(__i386__)
+    if constexpr (wordAccess == WordAccess::eightLaneWindows) LoadWindowsEightLanes(network, state, s0, s1, vectorCount);
+    if constexpr (wordAccess == WordAccess::maskedWindows) LoadWindowsMasked(network, state, s0, s1, vectorCount);
+#endif
+    for (Lanes& out : y) out = Lanes{};
 
     const LaneBits unitOfLane = {0, 0, 1, 1, 2, 2, 3, 3};
 
@@ -293,21 +420,30 @@ template <int32_t preSectionCount, int32_t stageCount>
         // a not-a-number compares false and stays.
         const Lanes s0Magnitude = reinterpret_cast<Lanes>(reinterpret_cast<LaneBits>(s0[v]) & magnitudeBits);
         const Lanes s1Magnitude = reinterpret_cast<Lanes>(reinterpret_cast<LaneBits>(s1[v]) & magnitudeBits);
-        const Lanes s0Kept = Select(s0Magnitude < tiny, Lanes{}, s0[v]);
-        const Lanes s1Kept = Select(s1Magnitude < tiny, Lanes{}, s1[v]);
-        std::memcpy(laneWords + v * lanesPerVector, &s0Kept, sizeof(Lanes));
-        std::memcpy(laneWords + maxNetworkLanes + v * lanesPerVector, &s1Kept, sizeof(Lanes));
+        s0[v] = Select(s0Magnitude < tiny, Lanes{}, s0[v]);
+        s1[v] = Select(s1Magnitude < tiny, Lanes{}, s1[v]);
     }
-    for (int32_t at = 0; at < placeCount; ++at) {
-        state[network.wordPlaces[at].word] = laneWords[network.wordPlaces[at].lane];
+    if constexpr (wordAccess == WordAccess::placeByPlace) {
+        for (int32_t v = 0; v < vectorCount; ++v) {
+            std::memcpy(laneWords + v * lanesPerVector, &s0[v], sizeof(Lanes));
+            std::memcpy(laneWords + maxNetworkLanes + v * lanesPerVector, &s1[v], sizeof(Lanes));
+        }
+        for (int32_t at = 0; at < network.wordPlaceCount; ++at) {
+            state[network.wordPlaces[at].word] = laneWords[network.wordPlaces[at].lane];
+        }
     }
+#if defined(__x86_64__) || defined(__i386__)
+    if constexpr (wordAccess == WordAccess::eightLaneWindows) StoreWindowsEightLanes(network, state, s0, s1, vectorCount);
+    if constexpr (wordAccess == WordAccess::maskedWindows) StoreWindowsMasked(network, state, s0, s1, vectorCount);
+#endif
 }
 
 template <int32_t preSectionCount, int32_t stageCount>
 void RunBaseline(const PackedNetwork& network, const NetworkTail& tail, const float* input,
                  float* output, int32_t count, float positionGain, float* state) noexcept
 {
-    RunSteps<preSectionCount, stageCount>(network, tail, input, output, count, positionGain, state);
+    RunSteps<WordAccess::placeByPlace, preSectionCount, stageCount>(network, tail, input, output, count,
+                                                                    positionGain, state);
 }
 
 #if defined(__x86_64__) || defined(__i386__)
@@ -318,7 +454,8 @@ template <int32_t preSectionCount, int32_t stageCount>
                                      const float* input, float* output, int32_t count,
                                      float positionGain, float* state) noexcept
 {
-    RunSteps<preSectionCount, stageCount>(network, tail, input, output, count, positionGain, state);
+    RunSteps<WordAccess::eightLaneWindows, preSectionCount, stageCount>(network, tail, input, output, count,
+                                                                        positionGain, state);
 }
 
 // Still eight lanes, with the 32 vector registers of the newer instruction set: the vectors'
@@ -328,7 +465,8 @@ template <int32_t preSectionCount, int32_t stageCount>
     const PackedNetwork& network, const NetworkTail& tail, const float* input, float* output,
     int32_t count, float positionGain, float* state) noexcept
 {
-    RunSteps<preSectionCount, stageCount>(network, tail, input, output, count, positionGain, state);
+    RunSteps<WordAccess::maskedWindows, preSectionCount, stageCount>(network, tail, input, output, count,
+                                                                     positionGain, state);
 }
 #endif
 
@@ -351,9 +489,10 @@ KernelSet UsableKernels()
 }
 
 template <int32_t preSectionCount, int32_t stageCount>
-NetworkKernel ChooseKernel()
+NetworkKernel ChooseKernel(bool wordsInWindows)
 {
-    switch (UsableKernels()) {
+    // The wide kernels take the words window by window.
+    switch (wordsInWindows ? UsableKernels() : KernelSet::baseline) {
 #if defined(__x86_64__) || defined(__i386__)
     case KernelSet::widest: return &RunWideManyRegisters<preSectionCount, stageCount>;
     case KernelSet::eightLanes: return &RunWide<preSectionCount, stageCount>;
@@ -363,12 +502,12 @@ NetworkKernel ChooseKernel()
 }
 
 template <int32_t preSectionCount>
-NetworkKernel ChooseKernel(int32_t stageCount)
+NetworkKernel ChooseKernel(int32_t stageCount, bool wordsInWindows)
 {
     switch (stageCount) {
-    case 10: return ChooseKernel<preSectionCount, 10>();
-    case 11: return ChooseKernel<preSectionCount, 11>();
-    case 12: return ChooseKernel<preSectionCount, 12>();
+    case 10: return ChooseKernel<preSectionCount, 10>(wordsInWindows);
+    case 11: return ChooseKernel<preSectionCount, 11>(wordsInWindows);
+    case 12: return ChooseKernel<preSectionCount, 12>(wordsInWindows);
     default: return nullptr;
     }
 }
@@ -427,10 +566,11 @@ PackedNetwork PackNetwork(const ChainLayout& chain, int32_t preSectionCount,
              chain.finalKind == FinalTapKind::secondOrder ? LaneKind::secondOrder : LaneKind::reduced,
              chainRecords + chain.finalRecordOffset, chainWords + chain.finalStateOffset);
 
+    PlaceWindows(network);
     switch (preSectionCount) {
-    case 0: network.kernel = ChooseKernel<0>(chain.stageCount); break;
-    case 1: network.kernel = ChooseKernel<1>(chain.stageCount); break;
-    case 2: network.kernel = ChooseKernel<2>(chain.stageCount); break;
+    case 0: network.kernel = ChooseKernel<0>(chain.stageCount, network.wordsInWindows); break;
+    case 1: network.kernel = ChooseKernel<1>(chain.stageCount, network.wordsInWindows); break;
+    case 2: network.kernel = ChooseKernel<2>(chain.stageCount, network.wordsInWindows); break;
     default: break;
     }
     return network;

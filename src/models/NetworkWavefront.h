@@ -104,6 +104,21 @@ struct PackedNetwork {
     };
     WordPlace wordPlaces[2 * maxNetworkLanes];
     int32_t wordPlaceCount = 0;
+    // The same places as windows for the wide kernels: a vector's words lie within sixteen
+    // words of the state table from windowStart, so that two loads and a permutation bring
+    // them into lanes, and a permutation and two masked stores take them back.
+    struct alignas(32) WordWindow {
+        int32_t windowStart;
+        int32_t inWindow[2 * lanesPerVector];    // all ones where the word is the vector's
+        int32_t fromWindowS0[lanesPerVector];    // the window place of each lane's s0
+        int32_t fromWindowS1[lanesPerVector];
+        int32_t placedS0[lanesPerVector];        // all ones where the lane has the word
+        int32_t placedS1[lanesPerVector];
+        int32_t toWindow[2 * lanesPerVector];    // lane of the word: s0 at 0-7, s1 at 8-15
+        uint32_t inWindowBits, placedS0Bits, placedS1Bits;  // the masks above, bit by bit
+    };
+    WordWindow windows[maxNetworkVectors];
+    bool wordsInWindows = false;
     NetworkKernel kernel = nullptr;
 };
 

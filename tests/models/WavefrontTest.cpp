@@ -140,6 +140,21 @@ INSTANTIATE_TEST_SUITE_P(Widths, ModelWavefrontKernels,
                              }
                          });
 
+// The wide kernels take each vector's words as one window of the state table; a network
+// whose words spread wider falls back to the baseline kernel, still exact but slow.
+TEST(ModelWavefront, EveryNetworkTakesItsWordsByWindows)
+{
+    for (const ModelEntry& model : AllModels()) {
+        for (int32_t chain = 0; chain < chainCount; ++chain) {
+            const speaker_network::PackedNetwork network = speaker_network::PackNetwork(
+                model.chains[chain], model.tablePreSectionCount,
+                model.constants.data() + model.constantRegions.preRecords, model.stateRegions.preStates,
+                model.constants.data() + model.constantRegions.chains[chain], model.stateRegions.chains[chain]);
+            EXPECT_TRUE(network.wordsInWindows) << model.name << " chain " << chain;
+        }
+    }
+}
+
 // A chain left without a reset keeps its words frozen and resumes from them; the position
 // glides between settings. Both forms must do so alike.
 TEST(ModelWavefront, MatchesThePlainNetworkAcrossChainChangesWithoutReset)

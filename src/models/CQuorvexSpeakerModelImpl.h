@@ -172,14 +172,6 @@ void CQuorvexSpeakerModel<Descriptor>::Process(float** inputs, float** outputs, 
     constexpr StateRegions stateAt = Descriptor::stateRegions;
     constexpr auto lineLengths = Descriptor::lineLengths;
 
-    // A single sample would pay the wavefront's filling and draining in full, and the
-    // gathering of every word into lanes and back, for one step of work: section by section
-    // is cheaper there, and the same bits.
-    if (count == 1) {
-        ProcessPlain(inputs, outputs, count);
-        return;
-    }
-
     const float* constants = static_cast<const float*>(busConstants->GetElement(0));
     float* state = static_cast<float*>(busState->GetElement(0));
 

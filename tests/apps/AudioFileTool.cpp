@@ -60,9 +60,9 @@ long Number(const char* text)
 
 void ExpectShape(const Audio& audio, int rate, int channels, long frames)
 {
-    if (audio.info.samplerate != rate) Fail("rate " + std::to_string(audio.info.samplerate));
-    if (audio.info.channels != channels) Fail("channels " + std::to_string(audio.info.channels));
-    if (audio.info.frames != frames) Fail("frames " + std::to_string(audio.info.frames));
+    if (audio.info.samplerate != rate || audio.info.channels != channels || audio.info.frames != frames)
+        Fail("shape " + std::to_string(audio.info.samplerate) + " Hz, " + std::to_string(audio.info.channels) +
+             " channels, " + std::to_string(audio.info.frames) + " frames");
 }
 
 double Energy(const Audio& audio, std::size_t begin, std::size_t end, std::size_t step = 1)
@@ -114,9 +114,7 @@ void ExpectEqual(const Audio& first, const Audio& second)
 {
     if (first.info.channels != second.info.channels || first.info.frames != second.info.frames) Fail("shapes differ");
     for (std::size_t i = 0; i < first.samples.size(); ++i)
-        if (first.samples[i] != second.samples[i])
-            Fail("sample " + std::to_string(i) + " differs: " + std::to_string(first.samples[i]) + " vs " +
-                 std::to_string(second.samples[i]));
+        if (first.samples[i] != second.samples[i]) Fail("sample " + std::to_string(i) + " differs");
     std::printf("equal: %zu samples\n", first.samples.size());
 }
 
@@ -139,21 +137,22 @@ int main(int argc, char** argv)
     if ((command == "make" || command == "expect-format") && argc >= 6) {
         const int rate = int(Number(argv[3])), channels = int(Number(argv[4]));
         const long frames = Number(argv[5]);
+        const std::string type = argc > 6 ? argv[6] : "wav", subtype = argc > 7 ? argv[7] : "pcm16";
         if (command == "make") {
-            Make(argv[2], rate, channels, frames,
-                 FormatPart(argc > 6 ? argv[6] : "wav") | FormatPart(argc > 7 ? argv[7] : "pcm16"));
+            Make(argv[2], rate, channels, frames, FormatPart(type) | FormatPart(subtype));
             return 0;
         }
         const Audio audio = Load(argv[2]);
         ExpectShape(audio, rate, channels, frames);
-        if (argc > 6 && (audio.info.format & SF_FORMAT_TYPEMASK) != FormatPart(argv[6])) Fail(std::string("not ") + argv[6]);
-        if (argc > 7 && (audio.info.format & SF_FORMAT_SUBMASK) != FormatPart(argv[7])) Fail(std::string("not ") + argv[7]);
-        return 0;
-    }
-    if (command == "expect-render" && argc == 4) ExpectRender(Load(argv[2]), Load(argv[3]));
-    else if (command == "expect-equal" && argc == 4) ExpectEqual(Load(argv[2]), Load(argv[3]));
-    else if (command == "expect-impulse" && argc == 5) ExpectImpulse(Load(argv[2]), int(Number(argv[3])), Number(argv[4]));
-    else {
+        if (argc > 6 && (audio.info.format & SF_FORMAT_TYPEMASK) != FormatPart(type)) Fail("not " + type);
+        if (argc > 7 && (audio.info.format & SF_FORMAT_SUBMASK) != FormatPart(subtype)) Fail("not " + subtype);
+    } else if (command == "expect-render" && argc == 4) {
+        ExpectRender(Load(argv[2]), Load(argv[3]));
+    } else if (command == "expect-equal" && argc == 4) {
+        ExpectEqual(Load(argv[2]), Load(argv[3]));
+    } else if (command == "expect-impulse" && argc == 5) {
+        ExpectImpulse(Load(argv[2]), int(Number(argv[3])), Number(argv[4]));
+    } else {
         std::fprintf(stderr, "usage: see the top of AudioFileTool.cpp\n");
         return 2;
     }

@@ -25,17 +25,12 @@ std::string ErrorOf(const Arguments& arguments)
     return outcome.error;
 }
 
-TEST(RenderOptions, DefaultsAreA4x12DynamicAtTheCapKeepingTheInputFormat)
+TEST(RenderOptions, ChoicesMapToTheLibrarysNumbersInBothSpellingsCaseInsensitiveLaterOnesWinning)
 {
-    const RenderOptions options = Parsed({"in.wav", "out.wav"});
-    EXPECT_EQ(options.action, Action::Render);
-    EXPECT_EQ(options.cabinet, (CabinetChoice{2, 0, 0}));
-    EXPECT_TRUE(options.format == FileKind::AsInput && options.subtype == SampleKind::AsInput && !options.force);
-    EXPECT_TRUE(options.input == "in.wav" && options.output == "out.wav");
-}
-
-TEST(RenderOptions, EveryChoiceMapsToTheLibrarysNumbersInBothSpellings)
-{
+    const RenderOptions defaults = Parsed({"in.wav", "out.wav"});  // a 4x12, dynamic, at the cap
+    EXPECT_TRUE(defaults.action == Action::Render && defaults.cabinet == (CabinetChoice{2, 0, 0}));
+    EXPECT_TRUE(defaults.format == FileKind::AsInput && defaults.subtype == SampleKind::AsInput && !defaults.force);
+    EXPECT_TRUE(defaults.input == "in.wav" && defaults.output == "out.wav");
     for (std::size_t speaker = 0; speaker < speakerNames.size(); ++speaker) {
         for (std::size_t microphone = 0; microphone < microphoneNames.size(); ++microphone) {
             for (std::size_t position = 0; position < positionNames.size(); ++position) {
@@ -46,21 +41,13 @@ TEST(RenderOptions, EveryChoiceMapsToTheLibrarysNumbersInBothSpellings)
             }
         }
     }
-}
-
-TEST(RenderOptions, NamesAreCaseInsensitiveLaterOptionsWinAndFormatsAreRead)
-{
     const RenderOptions options =
         Parsed({"--speaker", "4X10BASS", "--mic", "Ribbon", "--speaker", "1x12", "--format", "FLAC", "a", "b"});
-    EXPECT_EQ(options.cabinet, (CabinetChoice{0, 1, 0}));
-    EXPECT_EQ(options.format, FileKind::Flac);
+    EXPECT_TRUE(options.cabinet == (CabinetChoice{0, 1, 0}) && options.format == FileKind::Flac);
     const RenderOptions forced = Parsed({"-f", "--format", "aiff", "--subtype", "pcm16", "a", "b"});
     EXPECT_TRUE(forced.force && forced.format == FileKind::Aiff && forced.subtype == SampleKind::Pcm16);
     EXPECT_EQ(Parsed({"--subtype=float", "--force", "a", "b"}).subtype, SampleKind::Float);
-    EXPECT_EQ(Parsed({"--subtype", "pcm24", "a", "b"}).subtype, SampleKind::Pcm24);
-    EXPECT_EQ(Parsed({"--format", "wav", "a", "b"}).format, FileKind::Wav);
-    // After "--" a name may start with a dash.
-    const RenderOptions dashed = Parsed({"--", "-in.wav", "-out.wav"});
+    const RenderOptions dashed = Parsed({"--", "-in.wav", "-out.wav"});  // after "--" a name may start with a dash
     EXPECT_TRUE(dashed.input == "-in.wav" && dashed.output == "-out.wav");
 }
 
@@ -68,12 +55,9 @@ TEST(RenderOptions, EachMistakeIsNamedInItsError)
 {
     const std::pair<Arguments, std::string> cases[] = {
         {{"--gain", "3", "a", "b"}, "unknown option '--gain' (see --help)"},
-        {{"-x", "a", "b"}, "unknown option '-x' (see --help)"},
         {{"--speaker", "2x10", "a", "b"}, "unknown speaker '2x10' (choose 1x12, 2x12, 4x12, 4x10 or 4x10Bass)"},
         {{"--mic", "condenser", "a", "b"}, "unknown microphone 'condenser' (choose dynamic or ribbon)"},
-        {{"--position", "", "a", "b"}, "unknown microphone position '' (choose cap, edge or room)"},
         {{"--format", "mp3", "a", "b"}, "unknown format 'mp3' (choose wav, flac or aiff)"},
-        {{"--subtype", "pcm32", "a", "b"}, "unknown subtype 'pcm32' (choose pcm16, pcm24 or float)"},
         {{"a", "b", "--speaker"}, "option --speaker needs a value"},
         {{"--force=yes", "a", "b"}, "option --force takes no value"},
         {{}, "missing INPUT and OUTPUT (see --help)"},
@@ -86,9 +70,9 @@ TEST(RenderOptions, EachMistakeIsNamedInItsError)
         {{"--list", "--ir", "1", "out.wav"}, "--ir cannot be combined with --list"},
     };
     for (const auto& [arguments, error] : cases) EXPECT_EQ(ErrorOf(arguments), error);
-    for (const char* bad : {"0", "-1", "abc", "1s", "nan", "inf", "60.5", ""})
+    for (const char* bad : {"0", "abc", "1s", "nan", "inf", "60.5"})
         EXPECT_NE(ErrorOf({"--ir", bad, "ir.wav"}).find("--ir needs a length in seconds"), std::string::npos) << bad;
-    for (const char* bad : {"7999", "768001", "48000.5", "48k", "-48000"})
+    for (const char* bad : {"7999", "768001", "48000.5", "48k"})
         EXPECT_NE(ErrorOf({"--ir", "1", "--rate", bad, "ir.wav"}).find("--rate needs a whole number"), std::string::npos)
             << bad;
     EXPECT_NE(ErrorOf({"--ir", "0.0001", "--rate", "8000", "ir.wav"}).find("shorter than one sample"), std::string::npos);
@@ -100,7 +84,6 @@ TEST(RenderOptions, HelpListVersionAndImpulseResponseActions)
     EXPECT_EQ(Parsed({"-h"}).action, Action::Help);
     EXPECT_EQ(Parsed({"--list"}).action, Action::List);
     EXPECT_EQ(Parsed({"--version"}).action, Action::Version);
-
     const RenderOptions options = Parsed({"--ir", "1.5", "--rate", "96000", "--mic", "ribbon", "ir.wav"});
     EXPECT_EQ(options.action, Action::ImpulseResponse);
     EXPECT_DOUBLE_EQ(options.impulseSeconds, 1.5);
@@ -108,8 +91,7 @@ TEST(RenderOptions, HelpListVersionAndImpulseResponseActions)
     EXPECT_EQ(options.cabinet.microphone, 1);
     EXPECT_TRUE(options.output == "ir.wav" && options.input.empty());
     EXPECT_EQ(Parsed({"--ir", "0.25", "ir.wav"}).impulseRate, 48000);
-    EXPECT_DOUBLE_EQ(Parsed({"--ir", "60", "ir.wav"}).impulseSeconds, 60.0);
-    EXPECT_EQ(Parsed({"--ir", "1", "--rate", "8000", "ir.wav"}).impulseRate, 8000);
+    EXPECT_DOUBLE_EQ(Parsed({"--ir", "60", "--rate", "8000", "ir.wav"}).impulseSeconds, 60.0);  // both limits
 }
 
 TEST(Progress, ShownOnATerminalForAMinuteOfAudioOrMore)

@@ -29,7 +29,6 @@ TEST(OutputFormat, FollowsTheInputOrTheExtensionUnlessToldAndFallsBackOnlyWhereI
         int expected;
     } cases[] = {
         {wav16, FileKind::AsInput, SampleKind::AsInput, wav16},
-        {flac24, FileKind::AsInput, SampleKind::AsInput, flac24},
         {wavFloat, FileKind::AsInput, SampleKind::Pcm16, wav16},
         {wav16, FileKind::Aiff, SampleKind::AsInput, SF_FORMAT_AIFF | SF_FORMAT_PCM_16},
         // The byte order is kept only within one file type.

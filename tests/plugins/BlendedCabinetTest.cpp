@@ -59,22 +59,18 @@ TEST(CabinetSettings, ControlsAreRoundedAndClampedNaNTakesTheDefaultAndTheSecond
     EXPECT_EQ(SettingsFrom({2.5f, 0.4f, 1.6f}), (CabinetSettings{3, 0, 2}));
     EXPECT_EQ(SettingsFrom({-7.0f, 9.0f, std::numeric_limits<float>::infinity()}), (CabinetSettings{0, 1, 2}));
     EXPECT_EQ(SettingsFrom({nan, nan, nan, nan, nan, nan, nan}), (CabinetSettings{2, 0, 0}));
-
     const CabinetSettings unused = SettingsFrom({.microphone2 = 0.0f, .position2 = 2.0f, .blend = 0.0f});
     EXPECT_FALSE(unused.secondInUse);
-    EXPECT_EQ(SettingsFrom({.microphone2 = 1.0f, .position2 = 1.0f, .blend = 0.0f}), unused);
     EXPECT_EQ(SettingsFrom({.microphone2 = 1.0f, .position2 = 1.0f, .blend = -0.5f}), unused);
     EXPECT_EQ(SettingsFrom({.microphone2 = 1.0f, .position2 = 1.0f, .blend = 0.01f}), WithSecond({}, 1, 1));
 }
 
 TEST(BlendedCabinet, SteadyOutputIsTheLibrarysOwnAtAnyRateAndBlockSize)
 {
-    const std::pair<int32_t, std::size_t> cases[] = {{48000, 1},   {48000, 64},  {48000, 6000}, {22050, 1000},
-                                                     {44100, 512}, {88200, 512}, {96000, 512}, {192000, 512}};
-    for (const auto& [sampleRate, block] : cases) {
+    for (const auto& [sampleRate, block] : {std::pair{48000, 64}, {22050, 1000}, {44100, 6000}, {192000, 512}}) {
         Host host(sampleRate);
         const std::vector<float> input = GuitarLike(6000, sampleRate);
-        EXPECT_EQ(host.Run(input.data(), input.size(), block), LoneModel(sampleRate, 2, 0, 0).Run(input))
+        EXPECT_EQ(host.Run(input.data(), input.size(), std::size_t(block)), LoneModel(sampleRate, 2, 0, 0).Run(input))
             << sampleRate << " " << block;
         EXPECT_EQ(host.cabinet.CrossfadeLength(), uint32_t(std::lround(0.02 * sampleRate)));
     }
@@ -175,11 +171,10 @@ TEST(BlendedCabinet, ASecondMicrophoneAtTheSamePlaceChangesNothingAtAnyBlend)
 {
     // Both microphones see the same speaker with no latency, so the blend is phase coherent.
     const std::vector<float> input = GuitarLike(4800, rate);
-    const std::vector<float> single = LoneModel(rate, 1, 1, 2).Run(input);
-    for (const float blend : {0.25f, 0.5f, 1.0f}) {
+    for (const float blend : {0.25f, 1.0f}) {
         Host host;
         host.Want(WithSecond({1, 1, 2}, 1, 2));
-        EXPECT_EQ(host.Run(input.data(), input.size(), 256, blend), single) << blend;
+        EXPECT_EQ(host.Run(input.data(), input.size(), 256, blend), LoneModel(rate, 1, 1, 2).Run(input)) << blend;
     }
 }
 

@@ -90,16 +90,15 @@ int main(int argc, char** argv)
     const char* const cabinetNames[] = {"1x12", "2x12", "4x12", "4x10", "4x10Bass"};
     std::printf(
         "| rate | cabinet | normal ns/sample | subnormal ns/sample | tail ns/sample | subnormal / normal | "
-        "tail / normal | subnormal outputs |\n");
-    std::printf("|---|---|---|---|---|---|---|---|\n");
+        "tail / normal | subnormal outputs |\n|---|---|---|---|---|---|---|---|\n");
     double worst = 0.0;
     for (int32_t rate : rates) {
-        const std::size_t leadLength = std::size_t(rate), timedLength = std::size_t(audioSeconds * rate);
+        const std::size_t lead = std::size_t(rate), timed = std::size_t(audioSeconds * rate);
         // Normal, subnormal, tail.
-        const std::vector<float> leads[3] = {Noise(leadLength, 0.1f, 1), Noise(leadLength, 1e-39f, 2),
-                                             Noise(leadLength, 1.0f, 3)};
-        const std::vector<float> timeds[3] = {Noise(timedLength, 0.1f, 4), Noise(timedLength, 1e-39f, 5),
-                                              std::vector<float>(timedLength, 0.0f)};
+        const std::vector<float> leads[3] = {Noise(lead, 0.1f, 1), Noise(lead, 1e-39f, 2),
+                                             Noise(lead, 1.0f, 3)};
+        const std::vector<float> timeds[3] = {Noise(timed, 0.1f, 4), Noise(timed, 1e-39f, 5),
+                                              std::vector<float>(timed)};
         for (int32_t cabinet = 0; cabinet < 5; ++cabinet) {
             double best[3], subnormalRatio = 0.0, tailRatio = 0.0;
             long subnormalOutputs = 0;

@@ -1,7 +1,7 @@
 // What a host may do without the library aborting or throwing. The two kept ends (a flat id
-// above 10, a speaker switch value that names no amp) are tested in ExportsTest; here every
-// other road is swept: selectors -2 to 2 with extreme values at every band and odd rates,
-// hostile samples, and the committed fuzz inputs replayed through the fuzzer's own decoder.
+// above 10, a speaker switch value that names no amp) and hostile samples are tested in
+// ExportsTest; here every other road is swept: selectors -2 to 2 with extreme values at every
+// band and odd rates, and the committed fuzz inputs replayed through the fuzzer's own decoder.
 
 #include <gtest/gtest.h>
 
@@ -28,13 +28,12 @@ using tarnlow::testing::Noise;
 constexpr float nan = std::numeric_limits<float>::quiet_NaN();
 constexpr float inf = std::numeric_limits<float>::infinity();
 constexpr float maxFloat = std::numeric_limits<float>::max();
+constexpr float denormMin = std::numeric_limits<float>::denorm_min();
 
 TEST(HostContract, ExtremeControlValuesNeitherThrowNorAbortNorPoisonTheOutput)
 {
-    const float extremes[] = {nan,       inf,         -inf,   maxFloat,
-                              -maxFloat, 1e20f,       -1e20f, std::numeric_limits<float>::denorm_min(),
-                              -0.0f,     0.49999997f, 0.5f,   1.0000001f,
-                              -1.0f,     7.0f};
+    const float extremes[] = {nan,   inf,         -inf, maxFloat,   -maxFloat, 1e20f, denormMin,
+                              -0.0f, 0.49999997f, 0.5f, 1.0000001f, -1.0f,     7.0f};
     uint32_t seed = 0;
     for (int32_t rate : {44000, 48000, 88000, 96000, 176000, 192000, 44100, 0, -1, INT_MIN, INT_MAX, 1}) {
         Instance instance;
@@ -61,30 +60,10 @@ TEST(HostContract, ExtremeControlValuesNeitherThrowNorAbortNorPoisonTheOutput)
                     if (changesSwitch) storedSwitch = sent;
                 }
                 std::vector<float> block = Noise(700, ++seed);
-                int32_t flag = -1;
-                EXPECT_NO_THROW(flag = Calc(instance.handle, block));
-                EXPECT_EQ(flag, 1) << where;
+                EXPECT_EQ(Calc(instance.handle, block), 1) << where;
                 EXPECT_EQ(CountNonFinite(block), 0) << where;
                 EXPECT_NO_THROW(ResetA(instance.handle));
             }
-        }
-    }
-}
-
-TEST(HostContract, HostileSamplesStayInTheirRoomUntilReset)
-{
-    for (float sample : {nan, inf, -inf, maxFloat, 1e30f}) {
-        for (int32_t speaker = 0; speaker < 5; ++speaker) {
-            Instance instance(96000);
-            SetParameterA(instance.handle, 0, float(speaker));
-            std::vector<float> block(300, 0.25f), clean(2000, 0.25f);
-            block[17] = sample;
-            int32_t flag = -1;
-            EXPECT_NO_THROW(flag = Calc(instance.handle, block));
-            EXPECT_TRUE(flag == 0 || flag == 1);
-            ResetA(instance.handle);
-            EXPECT_EQ(Calc(instance.handle, clean), 1);
-            EXPECT_EQ(CountNonFinite(clean), 0) << "speaker " << speaker << " after " << sample;
         }
     }
 }

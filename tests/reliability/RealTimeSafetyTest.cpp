@@ -51,21 +51,16 @@ TEST(RealTimeGuard, CountsEachKindInsideAWatchAndSeesTheLibrarysOwnCalls)
         RealTimeWatch watch;
         sink = std::malloc(32);
         std::free(sink);
-        sink = new std::vector<int>(100);
+        sink = new std::vector<int>(100);  // operator new reaches the counting malloc too
         delete static_cast<std::vector<int>*>(sink);
-        {
-            std::lock_guard<std::mutex> watched(mutex);
-        }
+        std::lock_guard<std::mutex> watched(mutex);
         EXPECT_EQ(write(-1, "x", 1), -1);  // a bad descriptor: the call is made all the same
-        usleep(0);
     }
-    ForbiddenCalls seen = Seen();
-    EXPECT_GE(seen.allocations, 3) << seen.Describe();  // malloc, the vector, its array
-    EXPECT_GE(seen.releases, 3) << seen.Describe();
-    EXPECT_GE(seen.locks, 1) << seen.Describe();
-    EXPECT_GE(seen.systemCalls, 2) << seen.Describe();
+    const ForbiddenCalls seen = Seen();
+    // malloc, the vector and its array; their releases; the lock; the write.
+    EXPECT_TRUE(seen.allocations >= 3 && seen.releases >= 3 && seen.locks >= 1 && seen.systemCalls >= 1)
+        << seen.Describe();
     EXPECT_STREQ(seen.firstName, "malloc");
-
     // Set-up allocates inside libtarnlow.so; seeing it proves the library binds to the
     // counting replacements and not straight to the C library.
     Clear();
@@ -73,9 +68,8 @@ TEST(RealTimeGuard, CountsEachKindInsideAWatchAndSeesTheLibrarysOwnCalls)
         RealTimeWatch watch;
         testing::Instance instance;
     }
-    seen = Seen();
-    EXPECT_GT(seen.allocations, 5) << seen.Describe();
-    EXPECT_GT(seen.releases, 5) << seen.Describe();
+    EXPECT_GT(Seen().allocations, 5) << Seen().Describe();
+    EXPECT_GT(Seen().releases, 5) << Seen().Describe();
 }
 
 TEST(RealTimeSafety, NoForbiddenCallInAnyModelAfterWarmUp)
@@ -93,23 +87,22 @@ TEST(RealTimeSafety, NoForbiddenCallInAnyModelAfterWarmUp)
                     SetParameterA(instance.handle, 1, float(type));
                     SetParameterA(instance.handle, 2, float(position));
                     const std::string where = std::to_string(rate) + " Hz, speaker " +
-                                              std::to_string(speaker) + ", type " + std::to_string(type) +
-                                              ", position " + std::to_string(position);
+                                              std::to_string(speaker) + " mic " + std::to_string(type) +
+                                              " position " + std::to_string(position) + ", ";
                     // Lengths around the 16-sample control period and a few host sizes.
                     for (int32_t count : {1, 15, 16, 17, 64, 480, 4096}) {
                         buffer = Noise(4096, uint32_t(count));
                         const ForbiddenCalls seen = WatchedCalc(instance.handle, buffer, count);
-                        EXPECT_EQ(seen.Total(), 0) << where << ", block " << count << ": " << seen.Describe();
+                        EXPECT_EQ(seen.Total(), 0) << where << "block " << count << ": " << seen.Describe();
                     }
                     // Silence up to the silence limit, a block of none, and the first block
                     // after a reset (the bank flip).
                     for (int b = 0; b < 5; ++b)
-                        EXPECT_EQ(WatchedCalc(instance.handle, zeros, 8192).Total(), 0)
-                            << where << ", silence";
-                    EXPECT_EQ(WatchedCalc(instance.handle, zeros, 0).Total(), 0) << where << ", empty block";
+                        EXPECT_EQ(WatchedCalc(instance.handle, zeros, 8192).Total(), 0) << where;
+                    EXPECT_EQ(WatchedCalc(instance.handle, zeros, 0).Total(), 0) << where << "empty block";
                     ResetA(instance.handle);
                     EXPECT_EQ(WatchedCalc(instance.handle, buffer, 333).Total(), 0)
-                        << where << ", after ResetA";
+                        << where << "after ResetA";
                     ++configurations;
                 }
             }

@@ -79,20 +79,15 @@ int main(int argc, char** argv)
                     std::this_thread::yield();
                     continue;
                 }
-                switch (step % 4) {
-                    case 0:
-                        SetParameterA(instance, 1, float((step / 4) % 2));
-                        break;
-                    case 1:
-                        SetParameterA(instance, 2, float((step / 4) % 3));
-                        break;
-                    case 2:
-                        SetParameterA(instance, -1, float((step / 8) % 2));
-                        break;
-                    default:
-                        ResetA(instance);
-                        break;
-                }
+                // Microphone type, position, both types through selector -1, then ResetA.
+                const int64_t kind = step % 4;
+                if (kind == 3)
+                    ResetA(instance);
+                else
+                    SetParameterA(instance, kind == 2 ? -1 : int32_t(kind + 1),
+                                  float(kind == 0   ? (step / 4) % 2
+                                        : kind == 1 ? (step / 4) % 3
+                                                    : (step / 8) % 2));
                 stepsServed.store(++step, std::memory_order_release);
             }
             controlChanges = step;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -12,10 +13,9 @@ namespace tarnlow::testing {
 // One call on the model, in the order the frame made it.
 struct ModelEvent {
     enum Kind { process, update } kind;
-    int32_t count;              // samples of a Process call
-    bool immediate;             // of an Update call
-    int32_t bank;               // of an Update call
-    const CQuorvexBus* status;  // the status bus an Update call sees
+    int32_t count;   // samples of a Process call
+    bool immediate;  // of an Update call
+    int32_t bank;    // of an Update call
 };
 
 // A mono amp at 44100 Hz whose model multiplies by `factor` (2 unless changed) and overrides
@@ -27,9 +27,7 @@ class RecordingAmp : public CQuorvexAmp {
 public:
     using CQuorvexAmp::Update;
 
-    explicit RecordingAmp(const std::vector<std::string>& names = {}, int32_t latency = 0,
-                          bool multiMonoSwitch = false, bool outputPeakMetersSwitch = false)
-        : CQuorvexAmp(multiMonoSwitch, outputPeakMetersSwitch), latency(latency)
+    explicit RecordingAmp(const std::vector<std::string>& names = {})
     {
         sampleRate = 44100;
         events.reserve(4096);
@@ -41,42 +39,33 @@ public:
     }
     ~RecordingAmp() override { delete[] parameters; }
 
-    float ProcessSample(float x) override
-    {
-        ++sampleCalls;
-        return x * factor;
-    }
+    float ProcessSample(float x) override { return x * factor; }
     void Process(float** inputs, float** outputs, int32_t count, bool inputIsSingle, bool outputIsSingle,
                  float** sideInputs, int32_t sideCount) override
     {
-        events.push_back({ModelEvent::process, count, false, 0, nullptr});
+        events.push_back({ModelEvent::process, count, false, 0});
         if (busState->GetCount() > 0) *static_cast<int32_t*>(busState->GetElement(0)) += count;
         controlWordInProcess = ReadFloatControl();
         CQuorvexAmp::Process(inputs, outputs, count, inputIsSingle, outputIsSingle, sideInputs, sideCount);
     }
     void Update(bool immediate, int32_t, int32_t bank) override
     {
-        events.push_back({ModelEvent::update, 0, immediate, bank, busStatus});
+        events.push_back({ModelEvent::update, 0, immediate, bank});
     }
     void Reset() override
     {
         ++resets;
         CQuorvexAmp::Reset();
     }
-    int32_t GetLatency() override { return latency; }
 
-    // The banks of the logged Update calls of one kind of immediacy, in order.
-    std::vector<int32_t> UpdateBanks(bool immediate) const
+    long Updates(bool immediate) const
     {
-        std::vector<int32_t> banks;
-        for (const ModelEvent& e : events)
-            if (e.kind == ModelEvent::update && e.immediate == immediate) banks.push_back(e.bank);
-        return banks;
+        return std::count_if(events.begin(), events.end(), [&](const ModelEvent& e) {
+            return e.kind == ModelEvent::update && e.immediate == immediate;
+        });
     }
 
-    int32_t latency;
     float factor = 2.0f;
-    int64_t sampleCalls = 0;
     int resets = 0;
     std::vector<ModelEvent> events;
     FloatControlWord controlWordInProcess = 0;

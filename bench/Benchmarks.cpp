@@ -96,14 +96,14 @@ void Network(benchmark::State& state, bool plain)
         if (at + block > noise.size()) at = 0;
         std::memcpy(buffer, noise.data() + at, sizeof buffer);
         at += block;
-        for (int32_t offset = 0; offset < block; offset += controlPeriod) {
-            float* chunk = buffer + offset;
-            if (plain) {
+        if (plain) {
+            for (int32_t offset = 0; offset < block; offset += controlPeriod) {
+                float* chunk = buffer + offset;
                 model.ProcessPlain(&chunk, &chunk, controlPeriod);
-            } else {
-                model.Process(&chunk, &chunk, controlPeriod, false, false, nullptr, 0);
+                model.Update(false, 0, 0);
             }
-            model.Update(false, 0, 0);
+        } else {
+            model.ProcessPieces(buffer, buffer, block, 0, 0);
         }
         benchmark::DoNotOptimize(buffer);
         samples += block;

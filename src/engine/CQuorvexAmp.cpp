@@ -130,6 +130,11 @@ void CQuorvexAmp::ProcessBuffer(float* buffer, int32_t count)
     for (int32_t i = 0; i < count; ++i) buffer[i] = ProcessSample(buffer[i]);
 }
 
+bool CQuorvexAmp::ProcessPieces(float*, float*, int32_t, int32_t, int32_t)
+{
+    return false;
+}
+
 float CQuorvexAmp::ProcessSample(float)
 {
     return 0.0f;
@@ -546,7 +551,9 @@ void CQuorvexAmp::RunControlBlocks(float** inputs, float** outputs, int32_t chan
     // anything else have put it outside, the period starts again rather than stall.
     if (controlCounter < 0 || controlCounter >= controlPeriod) controlCounter = 0;
 
-    int32_t done = 0;
+    const bool monoPieces = inputEntries == 1 && outputEntries == 1 && sideEntries == 0 && !inputIsSingle &&
+                            !outputIsSingle && count > 0;
+    int32_t done = monoPieces && ProcessPieces(inputTable[0], outputTable[0], count, sideCount, bank) ? count : 0;
     while (done < count) {
         const int32_t n = std::min(count - done, controlPeriod - controlCounter);
         Process(inputTable, outputTable, n, inputIsSingle, outputIsSingle, sideTable, sideCount);

@@ -31,6 +31,12 @@ public:
                          bool outputIsSingle, float** sideInputs, int32_t sideCount);
     virtual void ProcessBuffer(float* buffer, int32_t count);
     virtual float ProcessSample(float x);
+    // A mono model that can take several pieces of the control period at once does the
+    // frame's cutting itself: Process's work for each piece, Update(false, ...) after each
+    // piece that completes a period, the meter parameters copied after every piece, with
+    // the same results as the frame's own loop; it returns true. The frame's version
+    // returns false and leaves everything to that loop.
+    virtual bool ProcessPieces(float* input, float* output, int32_t count, int32_t sideCount, int32_t bank);
 
     // Control chain; Update() and Update(bool) call each other, so a model must override
     // one level (the speaker models override the three-argument one).

@@ -31,6 +31,11 @@ public:
     void Process(float** inputs, float** outputs, int32_t count, bool inputIsSingle,
                  bool outputIsSingle, float** sideInputs, int32_t sideCount) override;
 
+    // Audio thread: count samples of the frame's cutting, pieces to the period's end, with
+    // the Updates and meter copies the frame would make between them; the network runs
+    // several pieces in one go. Gives what Process piece by piece gives, bit for bit.
+    bool ProcessPieces(float* input, float* output, int32_t count, int32_t sideCount, int32_t bank) override;
+
     // The same network with each section over the whole block in turn, one after another:
     // the plain form that Process must match bit for bit, kept for the tests and the
     // benchmarks. Same contract as Process.
@@ -47,6 +52,13 @@ public:
     char modelName[128] = {};
 
 private:
+    // The chain that the state's type and position words select.
+    int32_t ChainInUse() const;
+    // Appends a piece of length samples to run, with the gains the state holds now; returns
+    // the chain.
+    int32_t AddPiece(speaker_network::NetworkRun& run, int32_t length) const;
+    void RunNetworkOn(int32_t chain, const speaker_network::NetworkRun& run, const float* input, float* output);
+
     // The pre-sections with each of the six chains, lane by lane for the wavefront, copied
     // from the constant table when the model is made; the table itself stays as it is.
     speaker_network::PackedNetwork networks[chainCount];

@@ -167,32 +167,93 @@ void CQuorvexSpeakerModel<Descriptor>::Process(float** inputs, float** outputs, 
                                                bool /*inputIsSingle*/, bool /*outputIsSingle*/,
                                                float** /*sideInputs*/, int32_t /*sideCount*/)
 {
+    speaker_network::NetworkRun run;
+    const int32_t chain = AddPiece(run, count);
+    RunNetworkOn(chain, run, inputs[0], outputs[0]);
+}
+
+template <class Descriptor>
+bool CQuorvexSpeakerModel<Descriptor>::ProcessPieces(float* input, float* output, int32_t count,
+                                                     int32_t sideCount, int32_t bank)
+{
+    using namespace speaker_network;
+    // The pieces are cut and the Updates made in the frame's order; a piece's chain and
+    // gains are read before the Update that follows it, and Update writes no word that
+    // the network reads or writes otherwise, so the network may run the pieces afterwards.
+    int32_t done = 0;
+    while (done < count) {
+        NetworkRun run;
+        int32_t chain = -1;
+        while (done + run.count < count && run.pieceCount < maxRunPieces) {
+            const int32_t length = std::min(count - done - run.count, controlPeriod - controlCounter);
+            if (run.count + length > maxRunLength || (run.pieceCount > 0 && ChainInUse() != chain)) break;
+            chain = AddPiece(run, length);
+            controlCounter += length;
+            if (controlCounter == controlPeriod) {
+                Update(false, sideCount, bank, notePitch, noteVelocity, noteGate);
+                controlCounter = 0;
+            }
+            CopyMeterParameters(bank);
+        }
+        RunNetworkOn(chain, run, input + done, output + done);
+        done += run.count;
+    }
+    return true;
+}
+
+template <class Descriptor>
+int32_t CQuorvexSpeakerModel<Descriptor>::ChainInUse() const
+{
+    using namespace speaker_network;
+    constexpr StateRegions stateAt = Descriptor::stateRegions;
+    const float* state = static_cast<const float*>(busState->GetElement(0));
+    const int32_t branch = state[stateAt.typeValue] < 0.5f ? 0 : 1;
+    const float positionValue = state[stateAt.branchWords[branch] + positionValueWord];
+    const int32_t position = positionValue < firstPositionLimit    ? 0
+                             : positionValue >= secondPositionLimit ? 2
+                                                                    : 1;
+    return branch * 3 + position;
+}
+
+template <class Descriptor>
+int32_t CQuorvexSpeakerModel<Descriptor>::AddPiece(speaker_network::NetworkRun& run, int32_t length) const
+{
+    using namespace speaker_network;
+    constexpr StateRegions stateAt = Descriptor::stateRegions;
+    const float* state = static_cast<const float*>(busState->GetElement(0));
+    const int32_t chain = ChainInUse();
+    run.lengths[run.pieceCount] = length;
+    run.positionGains[run.pieceCount] = state[stateAt.branchWords[chain / 3] + positionGainWord];
+    run.ambienceGains[run.pieceCount] = state[stateAt.ambienceGain];
+    ++run.pieceCount;
+    run.count += length;
+    return chain;
+}
+
+template <class Descriptor>
+void CQuorvexSpeakerModel<Descriptor>::RunNetworkOn(int32_t chain, const speaker_network::NetworkRun& run,
+                                                    const float* input, float* output)
+{
     using namespace speaker_network;
     constexpr ConstantRegions constantAt = Descriptor::constantRegions;
     constexpr StateRegions stateAt = Descriptor::stateRegions;
     constexpr auto lineLengths = Descriptor::lineLengths;
+    static_assert(std::all_of(lineLengths.begin(), lineLengths.end(),
+                              [](int32_t length) { return length > maxRunLength; }),
+                  "a run may not read a place of a line that it wrote");
 
     const float* constants = static_cast<const float*>(busConstants->GetElement(0));
     float* state = static_cast<float*>(busState->GetElement(0));
-
-    const int32_t branch = state[stateAt.typeValue] < 0.5f ? 0 : 1;
-    const float* branchWords = state + stateAt.branchWords[branch];
-    const float positionGain = branchWords[positionGainWord];
-    const float positionValue = branchWords[positionValueWord];
-    const int32_t position = positionValue < firstPositionLimit    ? 0
-                             : positionValue >= secondPositionLimit ? 2
-                                                                    : 1;
     const NetworkTail tail = {
         {state + stateAt.diffusers[0], state + stateAt.diffusers[1], state + stateAt.diffusers[2],
          state + stateAt.diffusers[3]},
         {lineLengths[0], lineLengths[1], lineLengths[2], lineLengths[3]},
         constants + constantAt.ambienceRecord,
         state + stateAt.ambienceState,
-        state[stateAt.ambienceGain],
         Descriptor::directGain,
         Descriptor::outputGain,
     };
-    RunNetwork(networks[branch * 3 + position], tail, inputs[0], outputs[0], count, positionGain, state);
+    RunNetwork(networks[chain], tail, input, output, run, state);
 }
 
 template <class Descriptor>

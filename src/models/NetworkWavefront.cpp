@@ -25,10 +25,11 @@ namespace {
 
 using Lanes = float __attribute__((vector_size(32)));
 using LaneBits = int32_t __attribute__((vector_size(32)));
+using FourBits = int32_t __attribute__((vector_size(16)));
 
 // Rows of the step buffer: one per step, every lane of every vector.
 inline constexpr int32_t rowLength = maxNetworkLanes;
-inline constexpr int32_t maxSteps = controlPeriod + PositionsOf(maxPreSections, maxChainStages).last;
+inline constexpr int32_t maxSteps = maxRunLength + PositionsOf(maxPreSections, maxChainStages).last;
 
 inline constexpr int32_t allBits = -1;
 inline constexpr int32_t negativeZeroBits = static_cast<int32_t>(0x80000000u);
@@ -138,6 +139,14 @@ inline Lanes Select(LaneBits mask, Lanes whereSet, Lanes elsewhere) noexcept
                                    (reinterpret_cast<LaneBits>(elsewhere) & ~mask));
 }
 
+// The small-value test in the lanes where set: below 1e-30 in magnitude becomes +0.0; a
+// not-a-number compares false and stays.
+inline Lanes FlushTinyWords(Lanes words, LaneBits where) noexcept
+{
+    const Lanes magnitude = reinterpret_cast<Lanes>(reinterpret_cast<LaneBits>(words) & 0x7fffffff);
+    return Select(where & (magnitude < 1e-30f), Lanes{}, words);
+}
+
 // Every lane the same word, bit for bit (0 + v would turn -0.0 into +0.0).
 inline Lanes Broadcast(float value) noexcept
 {
@@ -239,13 +248,16 @@ enum class WordAccess : uint8_t { placeByPlace, eightLaneWindows, maskedWindows 
 
 // The kernel for preSectionCount pre-sections and stageCount stages. The vectors' words stay
 // in registers through the steps; each vector works only in the steps where one of its units
-// has a sample, and in the steps where only some have, the others keep their words.
-template <WordAccess wordAccess, int32_t preSectionCount, int32_t stageCount>
+// has a sample, and in the steps where only some have, the others keep their words. A unit
+// that has just run the last sample of a piece puts its words through the small-value test
+// there, as the section does at the end of each piece when it runs alone.
+template <WordAccess wordAccess, bool piecesInside, int32_t preSectionCount, int32_t stageCount>
 [[gnu::always_inline]] inline void RunSteps(const PackedNetwork& network, const NetworkTail& tail,
-                                            const float* input, float* output, int32_t count,
-                                            float positionGain, float* state) noexcept
+                                            const float* input, float* output, const NetworkRun& run,
+                                            float* state) noexcept
 {
     constexpr NetworkPositions positions = PositionsOf(preSectionCount, stageCount);
+    const int32_t count = run.count;
     constexpr int32_t vectorCount = positions.vectorCount;
     Lanes s0[vectorCount];
     Lanes s1[vectorCount];
@@ -279,16 +291,38 @@ template <WordAccess wordAccess, int32_t preSectionCount, int32_t stageCount>
         lines[line] = tail.lineWords[line] + 1;
     }
 
-    // Whatever multiplies the input is done here, in one pass over the period, rather than
+    // Per sample: its piece's position gain, and whether it ends a piece that is not the
+    // last (the last piece's words go through the test at the end, with all others), read
+    // four samples at a time from three before the first; endsNear[i] tells whether one of
+    // the samples i - 3 to i does.
+    float sampleGains[maxRunLength];
+    int32_t pieceEnds[maxRunLength + 2 * unitsPerVector];
+    bool endsNear[maxRunLength + unitsPerVector];
+    int32_t* const endsOfSample = pieceEnds + unitsPerVector - 1;
+    std::fill_n(pieceEnds, count + 2 * unitsPerVector, 0);
+    std::fill_n(endsNear, count + unitsPerVector, false);
+    {
+        int32_t at = 0;
+        for (int32_t piece = 0; piece < run.pieceCount; ++piece) {
+            std::fill_n(sampleGains + at, run.lengths[piece], run.positionGains[piece]);
+            at += run.lengths[piece];
+            if (piece + 1 < run.pieceCount) {
+                endsOfSample[at - 1] = allBits;
+                std::fill_n(endsNear + at - 1, unitsPerVector, true);
+            }
+        }
+    }
+
+    // Whatever multiplies the input is done here, in one pass over the run, rather than
     // step by step: a subnormal input takes the processor's slow path, which costs far more
     // inside the steps, where much work is under way, than in a short pass of its own.
     // Without pre-sections the position gain is that multiplication; otherwise it is the
     // first pre-section's three products, which its lane takes from here.
-    float gainedInput[controlPeriod];
-    float inputProducts[3][controlPeriod] = {};
+    float gainedInput[maxRunLength];
+    float inputProducts[3][maxRunLength];
     LaneBits firstLane = {};
     if constexpr (preSectionCount == 0) {
-        for (int32_t i = 0; i < count; ++i) gainedInput[i] = input[i] * positionGain;
+        for (int32_t i = 0; i < count; ++i) gainedInput[i] = input[i] * sampleGains[i];
         input = gainedInput;
     } else {
         const int32_t lane = 2 * positions.first + 1;
@@ -326,7 +360,8 @@ template <WordAccess wordAccess, int32_t preSectionCount, int32_t stageCount>
                         x = __builtin_shufflevector(Lanes{}, y[0], 0, 0, 0, 0, 0, 0, 13, 13);
                     }
                 } else if (v * unitsPerVector == positions.chainStart) {
-                    x = __builtin_shufflevector(y[v > 0 ? v - 1 : 0] * positionGain, y[v], 7, 7, 9,
+                    const int32_t sample = std::clamp(step - positions.chainStart, 0, count - 1);
+                    x = __builtin_shufflevector(y[v > 0 ? v - 1 : 0] * sampleGains[sample], y[v], 7, 7, 9,
                                                 9, 11, 11, 13, 13);
                 } else {
                     x = __builtin_shufflevector(y[v > 0 ? v - 1 : 0], y[v], 7, 7, 9, 9, 11, 11, 13, 13);
@@ -337,7 +372,7 @@ template <WordAccess wordAccess, int32_t preSectionCount, int32_t stageCount>
                 Lanes c1x = Load(c.c1) * x;
                 Lanes c2x = Load(c.c2) * x;
                 if (v == 0 && preSectionCount > 0) {
-                    const int32_t sample = std::min(enteringSample, controlPeriod - 1);
+                    const int32_t sample = std::min(enteringSample, count - 1);
                     c0x = Select(firstLane, Broadcast(inputProducts[0][sample]), c0x);
                     c1x = Select(firstLane, Broadcast(inputProducts[1][sample]), c1x);
                     c2x = Select(firstLane, Broadcast(inputProducts[2][sample]), c2x);
@@ -346,6 +381,15 @@ template <WordAccess wordAccess, int32_t preSectionCount, int32_t stageCount>
                 Lanes nextS0 = ((oldS0 + oldS1) + c1x) - Load(c.c3) * out;
                 if (c.forcesC2X) c2x = KeepOrForce(c2x, c.keepC2X, c.forcedC2X);
                 Lanes nextS1 = (oldS1 + c2x) - Load(c.c4) * out;
+                // Units 4v to 4v + 3 have samples firstUnitSample down to firstUnitSample - 3.
+                if (piecesInside && endsNear[firstUnitSample]) {
+                    const int32_t* ends = endsOfSample + firstUnitSample - (unitsPerVector - 1);
+                    FourBits endBits;
+                    std::memcpy(&endBits, ends, sizeof endBits);
+                    const LaneBits endsHere = __builtin_shufflevector(endBits, endBits, 3, 3, 2, 2, 1, 1, 0, 0);
+                    nextS0 = FlushTinyWords(nextS0, endsHere);
+                    nextS1 = FlushTinyWords(nextS1, endsHere);
+                }
                 if (c.forcesS0) nextS0 = KeepOrForce(nextS0, c.keepS0, c.forcedS0);
                 if (c.forcesS1) nextS1 = KeepOrForce(nextS1, c.keepS1, c.forcedS1);
                 if (step < lastWorking || step > firstWorking + count - 1) {
@@ -365,7 +409,7 @@ template <WordAccess wordAccess, int32_t preSectionCount, int32_t stageCount>
 
     // The final tap first, then the stage taps from the last to the first: this order fixes
     // the rounding. Unit u's tap of sample i is in row i + u at lane 2u.
-    float direct[controlPeriod];
+    float direct[maxRunLength];
     for (int32_t i = 0; i < count; ++i) {
         const float* row = &rows[i][0];
         float sum = row[positions.last * (rowLength + 2)];
@@ -376,10 +420,10 @@ template <WordAccess wordAccess, int32_t preSectionCount, int32_t stageCount>
         direct[i] = sum;
     }
 
-    // Each line's delay is longer than a period, so no sample of the call reads a place the
+    // Each line's delay is longer than a run, so no sample of the call reads a place the
     // call has written: a line runs as at most two stretches without a wrap test, each free
     // of carried dependencies.
-    float diffused[controlPeriod];
+    float diffused[maxRunLength];
     const float* lineInput = direct;
     for (int32_t line = 0; line < allPassLineCount; ++line) {
         float* delays = lines[line];
@@ -403,25 +447,27 @@ template <WordAccess wordAccess, int32_t preSectionCount, int32_t stageCount>
         lineInput = diffused;
     }
 
-    RunSection(diffused, diffused, count, tail.ambienceRecord, tail.ambienceState);
-    for (int32_t i = 0; i < count; ++i) {
-        const float wet = diffused[i] * tail.ambienceGain;
-        output[i] = (direct[i] * tail.directGain + wet) * tail.outputGain;
+    // The ambience section piece by piece, for its small-value test after each; without
+    // samples once, for the test alone.
+    int32_t pieceStart = 0;
+    for (int32_t piece = 0; piece < std::max(run.pieceCount, 1); ++piece) {
+        const int32_t pieceEnd = pieceStart + (piece < run.pieceCount ? run.lengths[piece] : 0);
+        RunSection(diffused + pieceStart, diffused + pieceStart, pieceEnd - pieceStart, tail.ambienceRecord,
+                   tail.ambienceState);
+        for (int32_t i = pieceStart; i < pieceEnd; ++i) {
+            const float wet = diffused[i] * run.ambienceGains[piece];
+            output[i] = (direct[i] * tail.directGain + wet) * tail.outputGain;
+        }
+        pieceStart = pieceEnd;
     }
 
     for (int32_t line = 0; line < allPassLineCount; ++line) {
         std::memcpy(tail.lineWords[line], &linePositions[line], sizeof(int32_t));
     }
 
-    const Lanes tiny = Lanes{} + 1e-30f;
-    const LaneBits magnitudeBits = LaneBits{} + 0x7fffffff;
     for (int32_t v = 0; v < vectorCount; ++v) {
-        // The small-value test of every word at once: below 1e-30 in magnitude becomes +0.0;
-        // a not-a-number compares false and stays.
-        const Lanes s0Magnitude = reinterpret_cast<Lanes>(reinterpret_cast<LaneBits>(s0[v]) & magnitudeBits);
-        const Lanes s1Magnitude = reinterpret_cast<Lanes>(reinterpret_cast<LaneBits>(s1[v]) & magnitudeBits);
-        s0[v] = Select(s0Magnitude < tiny, Lanes{}, s0[v]);
-        s1[v] = Select(s1Magnitude < tiny, Lanes{}, s1[v]);
+        s0[v] = FlushTinyWords(s0[v], LaneBits{} + allBits);
+        s1[v] = FlushTinyWords(s1[v], LaneBits{} + allBits);
     }
     if constexpr (wordAccess == WordAccess::placeByPlace) {
         for (int32_t v = 0; v < vectorCount; ++v) {
@@ -440,10 +486,14 @@ template <WordAccess wordAccess, int32_t preSectionCount, int32_t stageCount>
 
 template <int32_t preSectionCount, int32_t stageCount>
 void RunBaseline(const PackedNetwork& network, const NetworkTail& tail, const float* input,
-                 float* output, int32_t count, float positionGain, float* state) noexcept
+                 float* output, const NetworkRun& run, float* state) noexcept
 {
-    RunSteps<WordAccess::placeByPlace, preSectionCount, stageCount>(network, tail, input, output, count,
-                                                                    positionGain, state);
+    // A run of one piece, the usual case below a period, has no small-value test inside.
+    if (run.pieceCount > 1) {
+        RunSteps<WordAccess::placeByPlace, true, preSectionCount, stageCount>(network, tail, input, output, run, state);
+    } else {
+        RunSteps<WordAccess::placeByPlace, false, preSectionCount, stageCount>(network, tail, input, output, run, state);
+    }
 }
 
 #if defined(__x86_64__) || defined(__i386__)
@@ -451,11 +501,15 @@ void RunBaseline(const PackedNetwork& network, const NetworkTail& tail, const fl
 // and multiplications are the same IEEE operations in either width; no fused multiply-add.
 template <int32_t preSectionCount, int32_t stageCount>
 [[gnu::target("avx2")]] void RunWide(const PackedNetwork& network, const NetworkTail& tail,
-                                     const float* input, float* output, int32_t count,
-                                     float positionGain, float* state) noexcept
+                                     const float* input, float* output, const NetworkRun& run,
+                                     float* state) noexcept
 {
-    RunSteps<WordAccess::eightLaneWindows, preSectionCount, stageCount>(network, tail, input, output, count,
-                                                                        positionGain, state);
+    // A run of one piece, the usual case below a period, has no small-value test inside.
+    if (run.pieceCount > 1) {
+        RunSteps<WordAccess::eightLaneWindows, true, preSectionCount, stageCount>(network, tail, input, output, run, state);
+    } else {
+        RunSteps<WordAccess::eightLaneWindows, false, preSectionCount, stageCount>(network, tail, input, output, run, state);
+    }
 }
 
 // Still eight lanes, with the 32 vector registers of the newer instruction set: the vectors'
@@ -463,10 +517,14 @@ template <int32_t preSectionCount, int32_t stageCount>
 template <int32_t preSectionCount, int32_t stageCount>
 [[gnu::target("avx2,avx512f,avx512vl")]] void RunWideManyRegisters(
     const PackedNetwork& network, const NetworkTail& tail, const float* input, float* output,
-    int32_t count, float positionGain, float* state) noexcept
+    const NetworkRun& run, float* state) noexcept
 {
-    RunSteps<WordAccess::maskedWindows, preSectionCount, stageCount>(network, tail, input, output, count,
-                                                                     positionGain, state);
+    // A run of one piece, the usual case below a period, has no small-value test inside.
+    if (run.pieceCount > 1) {
+        RunSteps<WordAccess::maskedWindows, true, preSectionCount, stageCount>(network, tail, input, output, run, state);
+    } else {
+        RunSteps<WordAccess::maskedWindows, false, preSectionCount, stageCount>(network, tail, input, output, run, state);
+    }
 }
 #endif
 

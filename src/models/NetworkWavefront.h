@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "engine/FrameConstants.h"
 #include "models/ModelCatalogue.h"
 
 namespace tarnlow::speaker_network {
@@ -55,6 +56,21 @@ inline constexpr int32_t maxNetworkLanes = maxNetworkVectors * lanesPerVector;
 
 inline constexpr float allPassGain = 0.7f;
 
+// A kernel call takes up to five pieces, at most four periods of samples: the frame's cuts
+// (at the ends of control periods, and at the end of the host's block) stay where they are.
+// After each piece the state words go through the small-value test, and each piece has the
+// gains that its Update left.
+inline constexpr int32_t maxRunLength = 4 * controlPeriod;
+inline constexpr int32_t maxRunPieces = maxRunLength / controlPeriod + 1;
+
+struct NetworkRun {
+    int32_t count = 0;       // samples, 0 to maxRunLength
+    int32_t pieceCount = 0;  // 1 to maxRunPieces where count > 0
+    int32_t lengths[maxRunPieces] = {};
+    float positionGains[maxRunPieces] = {};
+    float ambienceGains[maxRunPieces] = {};
+};
+
 struct PackedNetwork;
 
 // What follows the chain: the chain's output (the final tap plus the stage taps) runs through
@@ -65,17 +81,15 @@ struct NetworkTail {
     int32_t lineLengths[allPassLineCount];
     const float* ambienceRecord;
     float* ambienceState;
-    float ambienceGain;
     float directGain;
     float outputGain;
 };
 
-// Runs the network and its tail over input[0, count) into output[0, count); output may be
-// input. count is 0 to controlPeriod; the state words are read once and written once, each
-// through the small-value test.
+// Runs the network and its tail over input[0, run.count) into output[0, run.count); output
+// may be input. The state words are read once and written once.
 using NetworkKernel = void (*)(const PackedNetwork& network, const NetworkTail& tail,
-                               const float* input, float* output, int32_t count,
-                               float positionGain, float* state) noexcept;
+                               const float* input, float* output, const NetworkRun& run,
+                               float* state) noexcept;
 
 // One chain of one model with the pre-sections in front, its coefficients lane by lane. Built
 // once, from the model's constant table, when the model is made.
@@ -141,9 +155,9 @@ PackedNetwork PackNetwork(const ChainLayout& chain, int32_t preSectionCount,
                           int32_t chainWords);
 
 inline void RunNetwork(const PackedNetwork& network, const NetworkTail& tail, const float* input,
-                       float* output, int32_t count, float positionGain, float* state) noexcept
+                       float* output, const NetworkRun& run, float* state) noexcept
 {
-    network.kernel(network, tail, input, output, count, positionGain, state);
+    network.kernel(network, tail, input, output, run, state);
 }
 
 }  // namespace tarnlow::speaker_network

@@ -178,6 +178,49 @@ TEST(ModelWavefront, MatchesThePlainNetworkAcrossChainChangesWithoutReset)
     }
 }
 
+// Whole host blocks go to the model, which cuts them into pieces as the frame does and runs
+// several pieces in one go. Against the plain form cut by hand, with settings changing
+// between blocks (so that the chain changes inside runs), on noise and on an impulse left
+// to settle through the small-value test at the ends of pieces.
+TEST(ModelWavefront, RunsOfPiecesMatchThePlainNetworkPieceByPiece)
+{
+    const FlushToZeroScope flushToZero;
+    std::vector<float> input = Noise(3000, 13);
+    input.push_back(1.0f);
+    input.resize(input.size() + 30000, 0.0f);
+    for (const ModelEntry& model : AllModels()) {
+        SCOPED_TRACE(model.name);
+        std::mt19937 random(17);
+        Pair pair(model);
+        pair.Set(0.0f, 0.5f);
+        pair.Update(true);
+        std::vector<float> fastOutput = input;
+        std::vector<float> plainOutput = input;
+        int32_t plainCounter = 0;
+        for (std::size_t at = 0; at < input.size();) {
+            const int32_t block = std::min<int32_t>(std::uniform_int_distribution<int32_t>(0, 200)(random),
+                                                    int32_t(input.size() - at));
+            if (at < 3000 && random() % 3 == 0) pair.Set(float(random() % 2), float(random() % 3) * 0.5f);
+            EXPECT_TRUE(pair.fast->ProcessPieces(fastOutput.data() + at, fastOutput.data() + at, block, 0, 0));
+            for (int32_t done = 0; done < block;) {
+                const int32_t length = std::min(block - done, controlPeriod - plainCounter);
+                float* piece = plainOutput.data() + at + std::size_t(done);
+                model.processPlain(*pair.plain, piece, piece, length);
+                plainCounter += length;
+                done += length;
+                if (plainCounter == controlPeriod) {
+                    pair.plain->Update(false, 0, 0);
+                    plainCounter = 0;
+                }
+            }
+            at += std::size_t(block);
+        }
+        EXPECT_EQ(pair.fast->controlCounter, plainCounter);
+        EXPECT_EQ(std::memcmp(fastOutput.data(), plainOutput.data(), sizeof(float) * input.size()), 0);
+        EXPECT_EQ(pair.DifferingStateWords(), 0);
+    }
+}
+
 // Non-finite input stays in the sections until a reset; it must travel alike in both forms.
 TEST(ModelWavefront, CarriesNonFiniteInputLikeThePlainNetwork)
 {

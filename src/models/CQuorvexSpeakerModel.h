@@ -54,9 +54,8 @@ public:
 private:
     // The chain that the state's type and position words select.
     int32_t ChainInUse() const;
-    // Appends a piece of length samples to run, with the gains the state holds now; returns
-    // the chain.
-    int32_t AddPiece(speaker_network::NetworkRun& run, int32_t length) const;
+    // Appends a piece of length samples of chain to run, with the gains the state holds now.
+    void AddPiece(speaker_network::NetworkRun& run, int32_t length, int32_t chain) const;
     void RunNetworkOn(int32_t chain, const speaker_network::NetworkRun& run, const float* input, float* output);
 
     // The pre-sections with each of the six chains, lane by lane for the wavefront, copied

@@ -168,7 +168,8 @@ void CQuorvexSpeakerModel<Descriptor>::Process(float** inputs, float** outputs, 
                                                float** /*sideInputs*/, int32_t /*sideCount*/)
 {
     speaker_network::NetworkRun run;
-    const int32_t chain = AddPiece(run, count);
+    const int32_t chain = ChainInUse();
+    AddPiece(run, count, chain);
     RunNetworkOn(chain, run, inputs[0], outputs[0]);
 }
 
@@ -186,8 +187,10 @@ bool CQuorvexSpeakerModel<Descriptor>::ProcessPieces(float* input, float* output
         int32_t chain = -1;
         while (done + run.count < count && run.pieceCount < maxRunPieces) {
             const int32_t length = std::min(count - done - run.count, controlPeriod - controlCounter);
-            if (run.count + length > maxRunLength || (run.pieceCount > 0 && ChainInUse() != chain)) break;
-            chain = AddPiece(run, length);
+            const int32_t pieceChain = ChainInUse();
+            if (run.count + length > maxRunLength || (run.pieceCount > 0 && pieceChain != chain)) break;
+            AddPiece(run, length, pieceChain);
+            chain = pieceChain;
             controlCounter += length;
             if (controlCounter == controlPeriod) {
                 Update(false, sideCount, bank, notePitch, noteVelocity, noteGate);
@@ -216,18 +219,17 @@ int32_t CQuorvexSpeakerModel<Descriptor>::ChainInUse() const
 }
 
 template <class Descriptor>
-int32_t CQuorvexSpeakerModel<Descriptor>::AddPiece(speaker_network::NetworkRun& run, int32_t length) const
+void CQuorvexSpeakerModel<Descriptor>::AddPiece(speaker_network::NetworkRun& run, int32_t length,
+                                                int32_t chain) const
 {
     using namespace speaker_network;
     constexpr StateRegions stateAt = Descriptor::stateRegions;
     const float* state = static_cast<const float*>(busState->GetElement(0));
-    const int32_t chain = ChainInUse();
     run.lengths[run.pieceCount] = length;
     run.positionGains[run.pieceCount] = state[stateAt.branchWords[chain / 3] + positionGainWord];
     run.ambienceGains[run.pieceCount] = state[stateAt.ambienceGain];
     ++run.pieceCount;
     run.count += length;
-    return chain;
 }
 
 template <class Descriptor>

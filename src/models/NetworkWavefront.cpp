@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 #if defined(__x86_64__) || defined(__i386__)
 #include <immintrin.h>
@@ -25,7 +26,6 @@ namespace {
 
 using Lanes = float __attribute__((vector_size(32)));
 using LaneBits = int32_t __attribute__((vector_size(32)));
-using FourBits = int32_t __attribute__((vector_size(16)));
 
 // Rows of the step buffer: one per step, every lane of every vector.
 inline constexpr int32_t rowLength = maxNetworkLanes;
@@ -151,6 +151,13 @@ inline Lanes FlushTinyWords(Lanes words, LaneBits where) noexcept
 inline Lanes Broadcast(float value) noexcept
 {
     return Lanes{value, value, value, value, value, value, value, value};
+}
+
+inline LaneBits LoadBits(const int32_t* from) noexcept
+{
+    LaneBits value;
+    std::memcpy(&value, from, sizeof value);
+    return value;
 }
 
 inline Lanes Load(const float* from) noexcept
@@ -291,24 +298,23 @@ template <WordAccess wordAccess, bool piecesInside, int32_t preSectionCount, int
         lines[line] = tail.lineWords[line] + 1;
     }
 
-    // Per sample: its piece's position gain, and whether it ends a piece that is not the
-    // last (the last piece's words go through the test at the end, with all others), read
-    // four samples at a time from three before the first; endsNear[i] tells whether one of
-    // the samples i - 3 to i does.
+    // Per sample its piece's position gain. Per step the unit, if any, that has just made
+    // the last sample of a piece other than the last one (whose words go through the test at
+    // the end, with all others): pieces inside a run are a period long and a period is
+    // longer than the wavefront, so at most one unit ends a piece in any step.
     float sampleGains[maxRunLength];
-    int32_t pieceEnds[maxRunLength + 2 * unitsPerVector];
-    bool endsNear[maxRunLength + unitsPerVector];
-    int32_t* const endsOfSample = pieceEnds + unitsPerVector - 1;
-    std::fill_n(pieceEnds, count + 2 * unitsPerVector, 0);
-    std::fill_n(endsNear, count + unitsPerVector, false);
+    int8_t unitEndingPiece[maxSteps];
+    if constexpr (piecesInside) std::fill_n(unitEndingPiece, positions.last + count, int8_t{-1});
+    static_assert(controlPeriod > positions.last - positions.first);
     {
         int32_t at = 0;
         for (int32_t piece = 0; piece < run.pieceCount; ++piece) {
             std::fill_n(sampleGains + at, run.lengths[piece], run.positionGains[piece]);
             at += run.lengths[piece];
-            if (piece + 1 < run.pieceCount) {
-                endsOfSample[at - 1] = allBits;
-                std::fill_n(endsNear + at - 1, unitsPerVector, true);
+            if (piecesInside && piece + 1 < run.pieceCount) {
+                for (int32_t unit = positions.first; unit <= positions.last; ++unit) {
+                    unitEndingPiece[at - 1 + unit] = static_cast<int8_t>(unit);
+                }
             }
         }
     }
@@ -382,14 +388,6 @@ template <WordAccess wordAccess, bool piecesInside, int32_t preSectionCount, int
                 if (c.forcesC2X) c2x = KeepOrForce(c2x, c.keepC2X, c.forcedC2X);
                 Lanes nextS1 = (oldS1 + c2x) - Load(c.c4) * out;
                 // Units 4v to 4v + 3 have samples firstUnitSample down to firstUnitSample - 3.
-                if (piecesInside && endsNear[firstUnitSample]) {
-                    const int32_t* ends = endsOfSample + firstUnitSample - (unitsPerVector - 1);
-                    FourBits endBits;
-                    std::memcpy(&endBits, ends, sizeof endBits);
-                    const LaneBits endsHere = __builtin_shufflevector(endBits, endBits, 3, 3, 2, 2, 1, 1, 0, 0);
-                    nextS0 = FlushTinyWords(nextS0, endsHere);
-                    nextS1 = FlushTinyWords(nextS1, endsHere);
-                }
                 if (c.forcesS0) nextS0 = KeepOrForce(nextS0, c.keepS0, c.forcedS0);
                 if (c.forcesS1) nextS1 = KeepOrForce(nextS1, c.keepS1, c.forcedS1);
                 if (step < lastWorking || step > firstWorking + count - 1) {
@@ -403,6 +401,21 @@ template <WordAccess wordAccess, bool piecesInside, int32_t preSectionCount, int
                 y[v] = out;
                 // The pre-sections' vector has no tap to keep.
                 if (v > 0 || preSectionCount == 0) std::memcpy(&rows[step][v * lanesPerVector], &out, sizeof out);
+            }
+            if constexpr (piecesInside) {
+                // The small-value test of the words the unit has (keep masks: a word a lane
+                // lacks stays -0.0).
+                const int32_t unit = unitEndingPiece[step];
+                if (unit >= 0) {
+                    const LaneBits unitLanes = unitOfLane == unit % unitsPerVector;
+                    [&]<std::size_t... v>(std::index_sequence<v...>) {
+                        ((unit / unitsPerVector == int32_t(v)
+                              ? (s0[v] = FlushTinyWords(s0[v], unitLanes & LoadBits(network.vectors[v].keepS0)),
+                                 s1[v] = FlushTinyWords(s1[v], unitLanes & LoadBits(network.vectors[v].keepS1)), 0)
+                              : 0),
+                         ...);
+                    }(std::make_index_sequence<vectorCount>{});
+                }
             }
         }
     }

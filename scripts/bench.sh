@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Builds the benchmarks in build-bench (Release) and runs them: every figure in one run,
-# five repetitions each in random order (so that a change of load during the run falls on
+# nine repetitions each in random order (so that a change of load during the run falls on
 # all of them alike), medians kept. Results go to build-bench/bench-results.json and a
 # plot of cost against block length and band to docs/performance.png.
-#   bash scripts/bench.sh                 # everything (about five minutes)
+#   bash scripts/bench.sh                 # everything (about four minutes)
 #   bash scripts/bench.sh 'Network|Setup' # only the benchmarks whose names match
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -14,7 +14,7 @@ cmake --build build-bench --target tarnlow_bench -j2
 build-bench/bench/tarnlow_bench \
   --benchmark_filter="${1:-.}" \
   --benchmark_min_time=0.05 \
-  --benchmark_repetitions=5 \
+  --benchmark_repetitions=9 \
   --benchmark_enable_random_interleaving=true \
   --benchmark_report_aggregates_only=true \
   --benchmark_out=build-bench/bench-results.json \

@@ -155,32 +155,10 @@ TEST(ModelWavefront, EveryNetworkTakesItsWordsByWindows)
     }
 }
 
-// A chain left without a reset keeps its words frozen and resumes from them; the position
-// glides between settings. Both forms must do so alike.
-TEST(ModelWavefront, MatchesThePlainNetworkAcrossChainChangesWithoutReset)
-{
-    const FlushToZeroScope flushToZero;
-    const std::vector<float> noise = Noise(3000, 11);
-    for (const ModelEntry& model : AllModels()) {
-        SCOPED_TRACE(model.name);
-        std::mt19937 blockLengths(5);
-        Pair pair(model);
-        pair.Set(0.0f, 0.0f);
-        pair.Update(true);
-        int differing = 0;
-        const float settings[][2] = {{0.0f, 0.0f}, {0.0f, 0.5f}, {1.0f, 1.0f}, {0.0f, 0.0f}, {1.0f, 0.4f}, {0.5f, 0.6666667f}};
-        for (const auto& setting : settings) {
-            pair.Set(setting[0], setting[1]);
-            differing += pair.Run(noise, blockLengths);
-        }
-        EXPECT_EQ(differing, 0);
-        EXPECT_EQ(pair.DifferingStateWords(), 0);
-    }
-}
-
 // Whole host blocks go to the model, which cuts them into pieces as the frame does and runs
 // several pieces in one go. Against the plain form cut by hand, with settings changing
-// between blocks (so that the chain changes inside runs), on noise and on an impulse left
+// between blocks without a reset (so that chains change inside runs, and a chain left alone
+// must resume from its frozen words, while the gains glide), on noise and on an impulse left
 // to settle through the small-value test at the ends of pieces.
 TEST(ModelWavefront, RunsOfPiecesMatchThePlainNetworkPieceByPiece)
 {

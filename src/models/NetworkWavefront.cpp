@@ -116,11 +116,9 @@ void PlaceWindows(PackedNetwork& network)
         const int32_t offset = place.word - window.windowStart;
         if (offset >= 2 * lanesPerVector) return;
         window.inWindow[offset] = allBits;
-        window.inWindowBits |= 1u << offset;
         window.toWindow[offset] = lane + (isS1 ? lanesPerVector : 0);
         (isS1 ? window.fromWindowS1 : window.fromWindowS0)[lane] = offset;
         (isS1 ? window.placedS1 : window.placedS0)[lane] = allBits;
-        (isS1 ? window.placedS1Bits : window.placedS0Bits) |= 1u << lane;
     }
     network.wordsInWindows = true;
 }
@@ -169,9 +167,9 @@ inline Lanes Load(const float* from) noexcept
 
 // How a kernel brings the state words into lanes and takes them back: word by word through
 // the places, or window by window (see PackedNetwork::WordWindow) with the eight-lane
-// permutations and masked loads and stores of AVX2, or the two-table permutations and
-// mask registers of AVX-512VL. A lane without the word holds -0.0 either way.
-enum class WordAccess : uint8_t { placeByPlace, eightLaneWindows, maskedWindows };
+// permutations and masked loads and stores of AVX2. A lane without the word holds -0.0
+// either way.
+enum class WordAccess : uint8_t { placeByPlace, eightLaneWindows };
 
 #if defined(__x86_64__) || defined(__i386__)
 // Index loads written out in each function rather than through a shared helper: clang
@@ -219,37 +217,6 @@ enum class WordAccess : uint8_t { placeByPlace, eightLaneWindows, maskedWindows 
     }
 }
 
-[[gnu::target("avx2,avx512f,avx512vl")]] void LoadWindowsMasked(const PackedNetwork& network, const float* state,
-                                                                Lanes* s0, Lanes* s1, int32_t vectorCount) noexcept
-{
-    const __m256 negativeZero = _mm256_set1_ps(-0.0f);
-    for (int32_t v = 0; v < vectorCount; ++v) {
-        const PackedNetwork::WordWindow& window = network.windows[v];
-        const float* from = state + window.windowStart;
-        const __m256 low = _mm256_maskz_loadu_ps(static_cast<__mmask8>(window.inWindowBits), from);
-        const __m256 high = _mm256_maskz_loadu_ps(static_cast<__mmask8>(window.inWindowBits >> lanesPerVector),
-                                                  from + lanesPerVector);
-        const __m256 pickedS0 = _mm256_permutex2var_ps(low, TARNLOW_LOAD_INDICES(window.fromWindowS0), high);
-        const __m256 pickedS1 = _mm256_permutex2var_ps(low, TARNLOW_LOAD_INDICES(window.fromWindowS1), high);
-        _mm256_storeu_ps(reinterpret_cast<float*>(&s0[v]), _mm256_mask_blend_ps(static_cast<__mmask8>(window.placedS0Bits), negativeZero, pickedS0));
-        _mm256_storeu_ps(reinterpret_cast<float*>(&s1[v]), _mm256_mask_blend_ps(static_cast<__mmask8>(window.placedS1Bits), negativeZero, pickedS1));
-    }
-}
-
-[[gnu::target("avx2,avx512f,avx512vl")]] void StoreWindowsMasked(const PackedNetwork& network, float* state,
-                                                                 const Lanes* s0, const Lanes* s1, int32_t vectorCount) noexcept
-{
-    for (int32_t v = 0; v < vectorCount; ++v) {
-        const PackedNetwork::WordWindow& window = network.windows[v];
-        float* to = state + window.windowStart;
-        const __m256 s0Lanes = _mm256_loadu_ps(reinterpret_cast<const float*>(&s0[v]));
-        const __m256 s1Lanes = _mm256_loadu_ps(reinterpret_cast<const float*>(&s1[v]));
-        _mm256_mask_storeu_ps(to, static_cast<__mmask8>(window.inWindowBits),
-                              _mm256_permutex2var_ps(s0Lanes, TARNLOW_LOAD_INDICES(window.toWindow), s1Lanes));
-        _mm256_mask_storeu_ps(to + lanesPerVector, static_cast<__mmask8>(window.inWindowBits >> lanesPerVector),
-                              _mm256_permutex2var_ps(s0Lanes, TARNLOW_LOAD_INDICES(window.toWindow + lanesPerVector), s1Lanes));
-    }
-}
 #undef TARNLOW_LOAD_INDICES
 #endif
 
@@ -283,7 +250,6 @@ template <WordAccess wordAccess, bool piecesInside, int32_t preSectionCount, int
     }
 #if defined(__x86_64__) || defined(__i386__)
     if constexpr (wordAccess == WordAccess::eightLaneWindows) LoadWindowsEightLanes(network, state, s0, s1, vectorCount);
-    if constexpr (wordAccess == WordAccess::maskedWindows) LoadWindowsMasked(network, state, s0, s1, vectorCount);
 #endif
     for (Lanes& out : y) out = Lanes{};
 
@@ -493,7 +459,6 @@ template <WordAccess wordAccess, bool piecesInside, int32_t preSectionCount, int
     }
 #if defined(__x86_64__) || defined(__i386__)
     if constexpr (wordAccess == WordAccess::eightLaneWindows) StoreWindowsEightLanes(network, state, s0, s1, vectorCount);
-    if constexpr (wordAccess == WordAccess::maskedWindows) StoreWindowsMasked(network, state, s0, s1, vectorCount);
 #endif
 }
 
@@ -534,9 +499,9 @@ template <int32_t preSectionCount, int32_t stageCount>
 {
     // A run of one piece, the usual case below a period, has no small-value test inside.
     if (run.pieceCount > 1) {
-        RunSteps<WordAccess::maskedWindows, true, preSectionCount, stageCount>(network, tail, input, output, run, state);
+        RunSteps<WordAccess::eightLaneWindows, true, preSectionCount, stageCount>(network, tail, input, output, run, state);
     } else {
-        RunSteps<WordAccess::maskedWindows, false, preSectionCount, stageCount>(network, tail, input, output, run, state);
+        RunSteps<WordAccess::eightLaneWindows, false, preSectionCount, stageCount>(network, tail, input, output, run, state);
     }
 }
 #endif

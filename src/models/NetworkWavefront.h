@@ -129,7 +129,6 @@ struct PackedNetwork {
         int32_t placedS0[lanesPerVector];        // all ones where the lane has the word
         int32_t placedS1[lanesPerVector];
         int32_t toWindow[2 * lanesPerVector];    // lane of the word: s0 at 0-7, s1 at 8-15
-        uint32_t inWindowBits, placedS0Bits, placedS1Bits;  // the masks above, bit by bit
     };
     WordWindow windows[maxNetworkVectors];
     bool wordsInWindows = false;

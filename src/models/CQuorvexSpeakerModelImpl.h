@@ -281,16 +281,11 @@ void CQuorvexSpeakerModel<Descriptor>::ProcessPlain(float** inputs, float** outp
                    state + stateAt.preStates + section * 2);
     }
 
-    const int32_t branch = state[stateAt.typeValue] < 0.5f ? 0 : 1;
-    const float* branchWords = state + stateAt.branchWords[branch];
-    const float positionGain = branchWords[positionGainWord];
-    const float positionValue = branchWords[positionValueWord];
+    const int32_t chain = ChainInUse();
+    const float positionGain = state[stateAt.branchWords[chain / 3] + positionGainWord];
     for (int32_t i = 0; i < count; ++i) signal[i] = signal[i] * positionGain;
 
-    const int32_t position = positionValue < firstPositionLimit    ? 0
-                             : positionValue >= secondPositionLimit ? 2
-                                                                    : 1;
-    switch (branch * 3 + position) {
+    switch (chain) {
     case 0: RunChain<Descriptor, 0>(signal, taps, count, constants, state); break;
     case 1: RunChain<Descriptor, 1>(signal, taps, count, constants, state); break;
     case 2: RunChain<Descriptor, 2>(signal, taps, count, constants, state); break;

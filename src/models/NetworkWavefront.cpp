@@ -353,7 +353,6 @@ template <WordAccess wordAccess, bool piecesInside, int32_t preSectionCount, int
                 Lanes nextS0 = ((oldS0 + oldS1) + c1x) - Load(c.c3) * out;
                 if (c.forcesC2X) c2x = KeepOrForce(c2x, c.keepC2X, c.forcedC2X);
                 Lanes nextS1 = (oldS1 + c2x) - Load(c.c4) * out;
-                // Units 4v to 4v + 3 have samples firstUnitSample down to firstUnitSample - 3.
                 if (c.forcesS0) nextS0 = KeepOrForce(nextS0, c.keepS0, c.forcedS0);
                 if (c.forcesS1) nextS1 = KeepOrForce(nextS1, c.keepS1, c.forcedS1);
                 if (step < lastWorking || step > firstWorking + count - 1) {

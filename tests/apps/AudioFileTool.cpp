@@ -65,6 +65,7 @@ void ExpectShape(const Audio& audio, int rate, int channels, long frames)
              " channels, " + std::to_string(audio.info.frames) + " frames");
 }
 
+// Energy of every `step`th sample from `begin`; fails on a sample that is not finite.
 double Energy(const Audio& audio, std::size_t begin, std::size_t end, std::size_t step = 1)
 {
     double energy = 0.0;
@@ -110,14 +111,6 @@ void ExpectRender(const Audio& input, const Audio& output)
                 output.info.channels, difference);
 }
 
-void ExpectEqual(const Audio& first, const Audio& second)
-{
-    if (first.info.channels != second.info.channels || first.info.frames != second.info.frames) Fail("shapes differ");
-    for (std::size_t i = 0; i < first.samples.size(); ++i)
-        if (first.samples[i] != second.samples[i]) Fail("sample " + std::to_string(i) + " differs");
-    std::printf("equal: %zu samples\n", first.samples.size());
-}
-
 void ExpectImpulse(const Audio& audio, int rate, long frames)
 {
     ExpectShape(audio, rate, 1, frames);
@@ -149,7 +142,9 @@ int main(int argc, char** argv)
     } else if (command == "expect-render" && argc == 4) {
         ExpectRender(Load(argv[2]), Load(argv[3]));
     } else if (command == "expect-equal" && argc == 4) {
-        ExpectEqual(Load(argv[2]), Load(argv[3]));
+        const Audio first = Load(argv[2]), second = Load(argv[3]);
+        if (first.info.channels != second.info.channels || first.samples != second.samples) Fail("samples differ");
+        std::printf("equal: %zu samples\n", first.samples.size());
     } else if (command == "expect-impulse" && argc == 5) {
         ExpectImpulse(Load(argv[2]), int(Number(argv[3])), Number(argv[4]));
     } else {

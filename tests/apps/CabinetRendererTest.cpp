@@ -5,21 +5,12 @@
 #include <vector>
 
 #include "render/CabinetRenderer.h"
+#include "support/HostCalls.h"
 
 namespace tarnlow::render {
 namespace {
 
-std::vector<float> TestSignal(std::size_t length, double frequency, int rate)
-{
-    std::vector<float> signal(length);
-    uint32_t noise = 12345;
-    for (std::size_t n = 0; n < length; ++n) {
-        noise = noise * 1664525u + 1013904223u;
-        const double hiss = double(int32_t(noise >> 8) - (1 << 23)) / double(1 << 23);
-        signal[n] = float(0.4 * std::sin(2.0 * 3.14159265358979 * frequency * double(n) / rate) + 0.05 * hiss);
-    }
-    return signal;
-}
+using tarnlow::testing::GuitarLike;
 
 std::vector<float> Mono(const CabinetChoice& cabinet, int rate, std::vector<float> signal)
 {
@@ -32,7 +23,7 @@ TEST(CabinetRenderer, EachChannelRunsAloneAsAMonoInstanceWouldHoweverTheFileIsCu
     constexpr int rate = 48000;
     constexpr std::size_t frames = 10000;  // more than two library blocks
     const CabinetChoice cabinet{3, 1, 1};
-    const std::vector<float> left = TestSignal(frames, 110.0, rate), right = TestSignal(frames, 330.0, rate);
+    const std::vector<float> left = GuitarLike(frames, rate, 110.0), right = GuitarLike(frames, rate, 330.0);
     std::vector<float> interleaved(frames * 3, 0.0f);  // a silent third channel must stay silent: no crosstalk
     for (std::size_t n = 0; n < frames; ++n) {
         interleaved[3 * n] = left[n];

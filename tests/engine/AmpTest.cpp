@@ -1,17 +1,19 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
+#include <limits>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "engine/CQuorvexMeter.h"
 #include "support/TestAmps.h"
 
 namespace tarnlow {
 namespace {
 
 using testing::RecordingAmp;
-using testing::WordAt;
 
 TEST(AmpInitialise, SilenceLimitFollowsTheNominalRateInSinglePrecision)
 {
@@ -25,28 +27,6 @@ TEST(AmpInitialise, SilenceLimitFollowsTheNominalRateInSinglePrecision)
     }
 }
 
-TEST(AmpInitialise, TwoDeepStateBanksATemplateAndTheDefaultStatus)
-{
-    RecordingAmp amp;
-    const std::vector<int32_t> constants = {10, 11, 12, 13}, state = {20, 21};
-    const int32_t status[2] = {0, 0};
-    amp.constantsData = constants.data();
-    amp.constantsLength = 4;
-    amp.stateData = state.data();
-    amp.stateLength = 2;
-    amp.busStatus->Load32(status, 2, false, false);
-    amp.SetDefaultStatus(6);
-    amp.Initialise();
-    EXPECT_EQ(WordAt(*amp.busConstants, 3), 13);
-    ASSERT_EQ(amp.stateBanks.size(), 2u);
-    for (const CQuorvexBus& bank : amp.stateBanks) {
-        EXPECT_EQ(WordAt(bank, 1), 21);
-        EXPECT_NE(bank.ints.data, amp.embeddedBuses[4].ints.data);
-    }
-    EXPECT_EQ(WordAt(amp.stateTemplate, 1), 21);
-    EXPECT_EQ(WordAt(*amp.busStatus, 0), 6);
-}
-
 TEST(AmpParameters, PublicLookupStopsAtTheFirstHiddenRecord)
 {
     RecordingAmp amp({"Speaker", "Position", "_hidden"});
@@ -57,6 +37,20 @@ TEST(AmpParameters, PublicLookupStopsAtTheFirstHiddenRecord)
     RecordingAmp badlyOrdered({"_first", "Second"});
     EXPECT_EQ(badlyOrdered.GetPublicParameterCount(), 1);
     EXPECT_EQ(badlyOrdered.GetPublicParameter(0), nullptr);
+}
+
+TEST(Meter, PeakModeKeepsTheLargestUntilReadAndPlainModeTheLast)
+{
+    CQuorvexMeter peak("Peak", 0, 0.0f, true), plain("Plain", 1, 0.0f, false);
+    for (const float v : {0.5f, 0.25f, -0.75f, std::numeric_limits<float>::quiet_NaN()}) {
+        peak.Store(v);
+        plain.Store(v == 0.5f ? v : -1.0f);
+    }
+    EXPECT_EQ(peak.Read(), 0.5f);
+    EXPECT_EQ(peak.Read(), 0.0f);  // no negative value, no NaN, no -0
+    EXPECT_FALSE(std::signbit(peak.Read()));
+    EXPECT_EQ(plain.Read(), -1.0f);
+    EXPECT_EQ(plain.Read(), -1.0f);
 }
 
 }  // namespace

@@ -8,11 +8,14 @@
 #include <cstring>
 #include <limits>
 #include <random>
+#include <tuple>
 
 #include "ModelRegistry.h"
 
 namespace tarnlow::testing {
 namespace {
+
+constexpr float nan = std::numeric_limits<float>::quiet_NaN();
 
 std::vector<float> Noise(std::size_t length, unsigned variant)
 {
@@ -40,20 +43,16 @@ struct DirectRig {
         for (int update = 0; update < immediateUpdates; ++update) amp->Update(true, 0, 0);
         for (int update = 0; update < regularUpdates; ++update) amp->Update(false, 0, 0);
     }
-    void Process(const float* input, float* output, int count)
-    {
-        float* in = const_cast<float*>(input);
-        amp->Process(&in, &output, count, false, false, nullptr, 0);
-    }
     // In control periods of 16 samples with a regular update after each, as the frame runs it.
-    std::vector<float> Run(const std::vector<float>& input)
+    std::vector<float> Run(std::vector<float> samples)
     {
-        std::vector<float> output(input.size());
-        for (std::size_t at = 0; at < input.size(); at += controlPeriod) {
-            Process(input.data() + at, output.data() + at, int(std::min<std::size_t>(controlPeriod, input.size() - at)));
+        for (std::size_t at = 0; at < samples.size(); at += controlPeriod) {
+            float* chunk = samples.data() + at;
+            amp->Process(&chunk, &chunk, int(std::min<std::size_t>(controlPeriod, samples.size() - at)), false, false,
+                         nullptr, 0);
             amp->Update(false, 0, 0);
         }
-        return output;
+        return samples;
     }
     std::vector<float> ChainWords(int chain)
     {
@@ -70,12 +69,10 @@ struct DirectRig {
     {
         std::vector<float> signal(16, 0.0f);
         signal[0] = 1.0f;
-        Process(signal.data(), signal.data(), 16);
-        for (float sample : signal) EXPECT_TRUE(std::isfinite(sample));
+        for (float sample : Run(signal)) EXPECT_TRUE(std::isfinite(sample));
         int touched = -1;
-        for (int chain = 0; chain < chainCount; ++chain) {
+        for (int chain = 0; chain < chainCount; ++chain)
             if (ChainTouched(chain)) touched = touched == -1 ? chain : -2;
-        }
         return touched;
     }
 
@@ -98,14 +95,11 @@ TEST(ModelClasses, ConstructedAsCatalogued)
                               amp->modelOption, amp->parameterCount}),
                   (std::array{1, 1, 0, rates[b], 1, 2}));
         for (int id = 0; id < 2; ++id) {
-            const CQuorvexParameter& parameter = amp->parameters[id];
-            const std::string name = id == 0 ? "MicrophoneType" : "MicrophonePosition";
-            EXPECT_EQ(parameter.name, name);
-            EXPECT_EQ(parameter.shortName, name);
-            EXPECT_EQ(parameter.tag, typeTags[s] + uint32_t(id));
-            EXPECT_EQ(parameter.stepCount, 2 + id);
-            EXPECT_EQ(parameter.value, 0.5f * float(id));
-            EXPECT_TRUE(parameter.valueKind == 1 && parameter.optionFlag && parameter.meterKind == -1);
+            const CQuorvexParameter& p = amp->parameters[id];
+            EXPECT_EQ(p.name + "|" + p.shortName, id == 0 ? "MicrophoneType|MicrophoneType"
+                                                           : "MicrophonePosition|MicrophonePosition");
+            EXPECT_EQ(std::tuple(p.tag, p.stepCount, p.value, p.valueKind, p.optionFlag, p.meterKind),
+                      std::tuple(typeTags[s] + uint32_t(id), 2 + id, 0.5f * float(id), 1, true, -1));
         }
         // Each table loaded once and bit for bit, so the state still holds position 0.
         ASSERT_EQ(amp->busConstants->GetCount(), int32_t(model.constants.size()));
@@ -141,7 +135,6 @@ TEST(ModelNetwork, EmptyCallSettlesTinyStatesOnItsRoadOnly)
     float* state = rig.State();
     const int lastOfChain0 = at.chains[0] + rig.model.chains[0].stateLength - 1;
     const int lastLineWord = at.diffusers[0] + bandCatalogue[int(Band::k96)].lineLengths[0];
-    const float nan = std::numeric_limits<float>::quiet_NaN();
     // word, value before, value after: below 1e-30 on the picked road goes to zero.
     const struct {
         int word;
@@ -153,34 +146,32 @@ TEST(ModelNetwork, EmptyCallSettlesTinyStatesOnItsRoadOnly)
                  {at.ambienceState + 1, 3e-31f, 0.0f},
                  {lastLineWord, 1e-31f, 1e-31f}};  // the lines have no such test
     for (const auto& w : words) state[w.word] = w.before;
-    float sentinel = 7.0f;
-    rig.Process(&sentinel, &sentinel, 0);
+    float sentinel = 7.0f, *channel = &sentinel;
+    rig.amp->Process(&channel, &channel, 0, false, false, nullptr, 0);
     EXPECT_EQ(sentinel, 7.0f);
     for (const auto& w : words) EXPECT_TRUE(SameBits(state[w.word], w.after)) << w.word << ": " << state[w.word];
 }
 
 TEST(ModelNetwork, SilenceAfterAnImpulseSettlesEverySectionToExactZero)
 {
-    const ModelEntry& model = FindModel("1x12n44a");
-    std::unique_ptr<CQuorvexAmp> amp = model.create();
-    amp->Initialise();
-    amp->parameters[1].StoreValue(1.0f);  // position 2: the ambience path is loud
+    DirectRig rig("1x12n44a");
+    rig.amp->parameters[1].StoreValue(1.0f);  // position 2: the ambience path is loud
     std::vector<float> block(4096, 0.0f);
     block[0] = 1.0f;
-    const StateRegions& at = model.stateRegions;
+    const auto zero = [&](int first, int count) {
+        return std::all_of(rig.State() + first, rig.State() + first + count, [](float w) { return SameBits(w, 0.0f); });
+    };
     bool settled = false;
     for (int blocks = 0; !settled && blocks < 400; ++blocks) {
         float* channel = block.data();
-        amp->ProcessBlock(&channel, &channel, int32_t(block.size()), 1.0f, nullptr, 0);
+        rig.amp->ProcessBlock(&channel, &channel, int32_t(block.size()), 1.0f, nullptr, 0);
         std::fill(block.begin(), block.end(), 0.0f);
-        const auto* state = static_cast<const uint32_t*>(amp->busState->GetElement(0));
-        settled = state[at.ambienceState] == 0 && state[at.ambienceState + 1] == 0;
+        settled = zero(rig.model.stateRegions.ambienceState, 2);
         for (int chain = 0; chain < chainCount; ++chain)
-            settled = settled && std::all_of(state + at.chains[chain], state + at.chains[chain] + model.chains[chain].stateLength,
-                                             [](uint32_t word) { return word == 0; });
+            settled = settled && zero(rig.model.stateRegions.chains[chain], rig.model.chains[chain].stateLength);
     }
     EXPECT_TRUE(settled);
-    EXPECT_TRUE(amp->IsSilent());
+    EXPECT_TRUE(rig.amp->IsSilent());
 }
 
 TEST(ModelNetwork, ChainLeftAloneIsFrozenAndResumesFromItsWords)
@@ -204,63 +195,23 @@ TEST(ModelNetwork, ChainLeftAloneIsFrozenAndResumesFromItsWords)
     std::fill_n(cleared.State() + rig.model.stateRegions.chains[0], chain0.size(), 0.0f);
     cleared.Set(0.0f, 0.0f);
     const std::vector<float> chain1 = rig.ChainWords(1);
-    const std::vector<float> input = Noise(16, 3);
-    EXPECT_NE(rig.Run(input), cleared.Run(input));
+    EXPECT_NE(rig.Run(Noise(16, 3)), cleared.Run(Noise(16, 3)));
     EXPECT_EQ(rig.ChainWords(1), chain1);
 }
 
-TEST(ModelNetwork, OutputDoesNotDependOnHostBlockLengthsOrInPlaceBuffers)
-{
-    std::mt19937 lengths(5);
-    int index = 0;
-    for (const ModelEntry& model : AllModels()) {
-        SCOPED_TRACE(model.name);
-        const int setting = index++ % 6;
-        const std::vector<float> input = Noise(6000, 6);
-        std::vector<float> whole(input.size(), -3.0f), pieces = input, kept = input;
-        std::unique_ptr<CQuorvexAmp> one = model.create(), many = model.create();
-        for (CQuorvexAmp* amp : {one.get(), many.get()}) {
-            amp->Initialise();
-            amp->parameters[0].StoreValue(float(setting / 3));
-            amp->parameters[1].StoreValue(float(setting % 3) * 0.5f);
-        }
-        float* in = kept.data();
-        float* out = whole.data();
-        one->ProcessBlock(&in, &out, int32_t(whole.size()), 1.0f, nullptr, 0);  // separate buffers
-        for (std::size_t at = 0; at < pieces.size();) {
-            const std::size_t length = std::min<std::size_t>(lengths() % 40, pieces.size() - at);  // 0 included
-            float* channel = pieces.data() + at;
-            many->ProcessBlock(&channel, &channel, int32_t(length), 1.0f, nullptr, 0);
-            at += length;
-        }
-        EXPECT_EQ(std::memcmp(whole.data(), pieces.data(), whole.size() * sizeof(float)), 0);
-        EXPECT_EQ(kept, input);
-    }
-}
-
-TEST(ModelControl, ImmediateUpdateTakesEveryTargetAndLeavesTheOtherBranch)
+// The gains, values and targets an immediate update writes reach the output, which
+// ReferenceTest compares with the plain network for every model and setting; what it must
+// leave alone does not.
+TEST(ModelControl, ImmediateUpdateLeavesTheOtherBranch)
 {
     for (const ModelEntry& model : AllModels()) {
         for (int setting = 0; setting < 6; ++setting) {
-            SCOPED_TRACE(model.name + " setting " + std::to_string(setting));
             DirectRig rig(model.name);
-            const int branch = setting / 3, position = setting % 3;
+            const int branch = setting / 3;
             for (int b = 0; b < 2; ++b) std::fill_n(rig.BranchWords(b), 3, 123.0f);
-            rig.Ambience()[0] = 123.0f;
-            rig.Set(float(branch), float(position) * 0.5f, 1);
-
-            const float gain = rig.Constants()[model.constantRegions.gainTables[std::size_t(branch)] + position];
-            const float ambience = rig.Constants()[model.constantRegions.ambienceGainTable + position];
-            const float* words = rig.BranchWords(branch);
-            EXPECT_EQ(rig.State()[model.stateRegions.typeValue], float(branch));
-            EXPECT_TRUE(SameBits(words[positionGainWord], gain) && SameBits(words[positionGainTargetWord], gain));
-            EXPECT_EQ(words[positionValueWord], float(position) * 0.5f);
-            EXPECT_TRUE(SameBits(rig.Ambience()[0], ambience) && SameBits(rig.Ambience()[1], ambience));
+            rig.Set(float(branch), float(setting % 3) * 0.5f, 1);
             EXPECT_EQ(std::vector<float>(rig.BranchWords(1 - branch), rig.BranchWords(1 - branch) + 3),
-                      std::vector<float>(3, 123.0f));
-            // A regular update with the gain already at its target leaves it exactly there.
-            rig.amp->Update(false, 0, 0);
-            EXPECT_TRUE(SameBits(words[positionGainWord], gain) && SameBits(rig.Ambience()[0], ambience));
+                      std::vector<float>(3, 123.0f)) << model.name << " setting " << setting;
         }
     }
 }
@@ -277,10 +228,7 @@ TEST(ModelControl, GainsGlideWithTheBandsSmoothingFactor)
 
     // Type 1 for a while and back: branch 0 goes on from where it stood, as if never left.
     DirectRig straight("4x10Bassn96a"), detour("4x10Bassn96a");
-    for (DirectRig* r : {&straight, &detour}) {
-        r->Set(0.0f, 0.5f, 1);
-        r->Set(0.0f, 1.0f, 0, 10);
-    }
+    for (DirectRig* r : {&straight, &detour}) { r->Set(0.0f, 0.5f, 1); r->Set(0.0f, 1.0f, 0, 10); }
     const std::vector<float> held(detour.BranchWords(0), detour.BranchWords(0) + 3);
     detour.Set(1.0f, 1.0f, 0, 5);
     EXPECT_EQ(std::vector<float>(detour.BranchWords(0), detour.BranchWords(0) + 3), held);
@@ -293,7 +241,7 @@ TEST(ModelControl, GainsGlideWithTheBandsSmoothingFactor)
     room.Set(0.0f, 0.5f, 1);
     EXPECT_NEAR(room.Ambience()[0], 1.6436267e-16f, 1e-22f);
     room.Set(0.0f, 1.0f);
-    for (int update = 0, updatesIn100ms = 96000 / 10 / controlPeriod; update < updatesIn100ms; ++update) {
+    for (int update = 0; update < 96000 / 10 / controlPeriod; ++update) {
         const float previous = room.Ambience()[0];
         room.amp->Update(false, 0, 0);
         ASSERT_GT(room.Ambience()[0], previous) << update;
@@ -305,7 +253,6 @@ TEST(ModelControl, GainsGlideWithTheBandsSmoothingFactor)
 
 TEST(ModelControl, NotANumberPositionIsTheFirstPositionAndNotANumberTypeIsBranchOne)
 {
-    const float nan = std::numeric_limits<float>::quiet_NaN();
     DirectRig rig("4x10n48a");
     rig.Set(0.0f, nan, 1);
     EXPECT_TRUE(SameBits(rig.BranchWords(0)[positionValueWord], 0.0f));

@@ -31,35 +31,23 @@ inline std::string ExpandPlan(std::string_view plan)
 
 enum class RecordKind { secondOrder, reduced, firstOrder };
 
-inline int RecordLength(RecordKind kind)
-{
-    return kind == RecordKind::secondOrder ? 5 : kind == RecordKind::reduced ? 4 : 3;
-}
+inline int RecordLength(RecordKind kind) { return 5 - int(kind); }  // 5, 4 and 3 floats
 
-// The records of one stage letter in table order: tap, then through if there is one.
+// The records of one stage letter in table order: tap, then through if there is one. F and f
+// are first order, Z and U have reduced taps; T and U (the final tap) and f have no through.
 struct StageRecords {
     RecordKind tap;
     bool hasThrough;
     RecordKind through;
+    int Length() const { return RecordLength(tap) + (hasThrough ? RecordLength(through) : 0); }
 };
 
 inline StageRecords RecordsOf(char letter)
 {
-    switch (letter) {
-    case 'F': return {RecordKind::firstOrder, true, RecordKind::firstOrder};
-    case 'S': return {RecordKind::secondOrder, true, RecordKind::secondOrder};
-    case 'Z': return {RecordKind::reduced, true, RecordKind::secondOrder};
-    case 'f': return {RecordKind::firstOrder, false, RecordKind::firstOrder};
-    case 'T': return {RecordKind::secondOrder, false, RecordKind::secondOrder};
-    case 'U': return {RecordKind::reduced, false, RecordKind::secondOrder};
-    }
-    throw std::invalid_argument("unknown stage letter");
-}
-
-inline int StageLength(char letter)
-{
-    const StageRecords records = RecordsOf(letter);
-    return RecordLength(records.tap) + (records.hasThrough ? RecordLength(records.through) : 0);
+    if (std::string_view("FSZfTU").find(letter) == std::string_view::npos) throw std::invalid_argument("stage letter");
+    const bool firstOrder = letter == 'F' || letter == 'f', reduced = letter == 'Z' || letter == 'U';
+    const RecordKind full = firstOrder ? RecordKind::firstOrder : RecordKind::secondOrder;
+    return {reduced ? RecordKind::reduced : full, letter == 'F' || letter == 'S' || letter == 'Z', full};
 }
 
 // First constant of chain k, of both gain tables and of the ambience data, found by walking the
@@ -82,7 +70,7 @@ inline ConstantWalk WalkConstants(const ModelEntry& model)
         for (int position = 0; position < 3; ++position) {
             walk.chain[branch * 3 + position] = at;
             for (char letter : ExpandPlan(model.tableChainPlans[std::size_t(branch * 3 + position)]))
-                at += StageLength(letter);
+                at += RecordsOf(letter).Length();
         }
     }
     walk.ambienceRecord = at;
@@ -108,12 +96,11 @@ public:
             const StageRecords records = RecordsOf(letter);
             Stage stage{MakeSection(records.tap, record), records.hasThrough, {}};
             if (records.hasThrough) stage.through = MakeSection(records.through, record + RecordLength(records.tap));
-            record += StageLength(letter);
-            if (letter == 'T' || letter == 'U') {
+            record += records.Length();
+            if (letter == 'T' || letter == 'U')
                 finalTap = stage.tap;
-            } else {
+            else
                 stages.push_back(stage);
-            }
         }
         ambience = MakeSection(RecordKind::secondOrder, table + walk.ambienceRecord);
         positionGain = table[walk.gainTable[type] + position];
@@ -156,24 +143,16 @@ private:
         return {kind, r[0], r[1], r[2]};
     }
 
-    static Sample Filter(Section& section, Sample x)
+    static Sample Filter(Section& s, Sample x)
     {
-        const Sample y = section.c0 * x + section.s0;
-        switch (section.kind) {
-        case RecordKind::secondOrder: {
-            const Sample s0 = ((section.s0 + section.s1) + section.c1 * x) - section.c3 * y;
-            section.s1 = (section.s1 + section.c2 * x) - section.c4 * y;
-            section.s0 = s0;
-            break;
+        const Sample y = s.c0 * x + s.s0;
+        if (s.kind == RecordKind::firstOrder) {
+            s.s0 = (s.s0 + s.c1 * x) - s.c2 * y;
+            return y;
         }
-        case RecordKind::reduced: {
-            const Sample s0 = ((section.s0 + section.s1) + section.c1 * x) - section.c3 * y;
-            section.s1 = section.s1 - section.c4 * y;
-            section.s0 = s0;
-            break;
-        }
-        case RecordKind::firstOrder: section.s0 = (section.s0 + section.c1 * x) - section.c2 * y; break;
-        }
+        const Sample s0 = ((s.s0 + s.s1) + s.c1 * x) - s.c3 * y;
+        s.s1 = s.kind == RecordKind::reduced ? s.s1 - s.c4 * y : (s.s1 + s.c2 * x) - s.c4 * y;
+        s.s0 = s0;
         return y;
     }
 
@@ -212,12 +191,8 @@ private:
                 if (std::fabs(*word) < Sample(1e-30f)) *word = Sample(0);
         };
         for (Section& section : pre) settle(section);
-        for (Stage& stage : stages) {
-            settle(stage.tap);
-            settle(stage.through);
-        }
-        settle(finalTap);
-        settle(ambience);
+        for (Stage& stage : stages) settle(stage.tap), settle(stage.through);
+        for (Section* section : {&finalTap, &ambience}) settle(*section);
     }
 
     std::vector<Section> pre;

@@ -36,58 +36,37 @@ constexpr float published4x12PreSections96[10] = {0.54411602f, 0.0037068091f, 0.
 
 bool SameBits(float a, float b) { return std::bit_cast<uint32_t>(a) == std::bit_cast<uint32_t>(b); }
 
-// A record's coefficients as b0, b1, b2, a1, a2 of z^-1, computed in double from the floats.
-std::array<double, 5> ToZ(const float* c, RecordKind kind)
-{
-    const bool reduced = kind == RecordKind::reduced;
-    const double c0 = c[0], c1 = c[1], c2 = reduced ? 0.0 : c[2], c3 = c[reduced ? 2 : 3], c4 = c[reduced ? 3 : 4];
-    return {c0, c1 - 2 * c0, c2 - c1 + c0, c3 - 2, c4 - c3 + 1};
-}
-
-// A through section must be g times an all-pass sharing the tap's denominator, g in [0.29, 1.13].
-void CheckThroughGain(double g, double allPassResidual)
-{
-    EXPECT_LE(allPassResidual, 4e-6) << "through is not an all-pass times g";
-    EXPECT_TRUE(g >= 0.29 && g <= 1.13) << g;
-}
-
+// The structure the kernels rely on and the stability of every section; the records'
+// further invariants (all-pass throughs, their gains, no z^-2 term in a tap) are checked by
+// the lab on every record it emits, and `lab emit --check` keeps these files its output.
 void CheckChain(const float* record, std::string_view plan)
 {
     for (char letter : ExpandPlan(plan)) {
         SCOPED_TRACE(std::string("stage ") + letter);
         const StageRecords kinds = RecordsOf(letter);
-        const float* tap = record;
-        const float* through = record + RecordLength(kinds.tap);
+        const float *tap = record, *through = record + RecordLength(kinds.tap);
         record = through + (kinds.hasThrough ? RecordLength(kinds.through) : 0);
-        if (kinds.tap != RecordKind::secondOrder) {
-            EXPECT_TRUE(SameBits(tap[0], tap[1])) << "tap needs c0 == c1";
-        }
+        EXPECT_TRUE(kinds.tap == RecordKind::secondOrder || SameBits(tap[0], tap[1])) << "tap needs c0 == c1";
         if (kinds.tap == RecordKind::firstOrder) {
             const double pole = 1.0 - double(tap[2]);
             EXPECT_TRUE(pole >= -0.99 - 1e-6 && pole <= 0.999 + 1e-6) << pole;
-            if (kinds.hasThrough) {
-                EXPECT_TRUE(SameBits(tap[2], through[2])) << "tap and through share the denominator";
-                const double g = double(through[1]) - through[0];
-                CheckThroughGain(g, std::fabs(through[0] - g * (double(through[2]) - 1.0)));
-            }
+            EXPECT_TRUE(!kinds.hasThrough || SameBits(tap[2], through[2])) << "tap and through share the denominator";
             continue;
         }
-        const auto [b0, b1, b2, a1, a2] = ToZ(tap, kinds.tap);
-        const double scale = std::max({std::fabs(b0), std::fabs(double(tap[1])),
-                                       kinds.tap == RecordKind::reduced ? 0.0 : std::fabs(double(tap[2])), 1e-30});
-        EXPECT_LE(std::fabs(b2) / scale, 1e-6) << "tap has a z^-2 term";
+        // c3 = a1 + 2 and c4 = a1 + a2 + 1, of the denominator 1 + a1 z^-1 + a2 z^-2.
+        const int denominator = kinds.tap == RecordKind::reduced ? 2 : 3;
+        const double a1 = double(tap[denominator]) - 2.0, a2 = double(tap[denominator + 1]) - a1 - 1.0;
         const std::complex<double> root = std::sqrt(std::complex<double>(a1 * a1 - 4 * a2));
         EXPECT_LE(std::max(std::abs((-a1 + root) / 2.0), std::abs((-a1 - root) / 2.0)), 0.99956 + 1e-6);
-        if (kinds.hasThrough) {
-            const int denominator = kinds.tap == RecordKind::reduced ? 2 : 3;
-            EXPECT_TRUE(SameBits(tap[denominator], through[3]) && SameBits(tap[denominator + 1], through[4]))
-                << "tap and through share the denominator";
-            const auto t = ToZ(through, RecordKind::secondOrder);
-            CheckThroughGain(t[2], std::max(std::fabs(t[0] - t[2] * t[4]), std::fabs(t[1] - t[2] * t[3])));
-        }
+        EXPECT_TRUE(!kinds.hasThrough ||
+                    (SameBits(tap[denominator], through[3]) && SameBits(tap[denominator + 1], through[4])))
+            << "tap and through share the denominator";
     }
 }
 
+// The models' compile-time checks tie each table's plans, pre-sections and lengths to the
+// catalogue in src/ and its regions to those lengths; here the tables meet the published
+// lengths and an independent walk of their plans.
 TEST(ModelTables, EveryTableKeepsTheCatalogueAndTheRecordInvariants)
 {
     ASSERT_EQ(AllModels().size(), 30u);
@@ -96,18 +75,12 @@ TEST(ModelTables, EveryTableKeepsTheCatalogueAndTheRecordInvariants)
         const int s = int(model.speaker), b = int(model.band);
         EXPECT_EQ(int(model.constants.size()), publishedConstants[s][b]);
         EXPECT_EQ(int(model.initialState.size()), publishedStates[s][b]);
-        EXPECT_EQ(model.constantRegions.length, publishedConstants[s][b]);
-        EXPECT_EQ(model.stateRegions.length, publishedStates[s][b]);
         EXPECT_EQ(model.tablePreSectionCount, s == 1 || s == 2 ? s : 0);
         const ConstantWalk walk = WalkConstants(model);
         EXPECT_EQ(walk.end, int(model.constants.size()));
         for (int chain = 0; chain < chainCount; ++chain) {
             SCOPED_TRACE("chain " + std::to_string(chain));
-            EXPECT_EQ(model.tableChainPlans[chain], model.plans[chain]);
             EXPECT_EQ(walk.chain[chain], model.constantRegions.chains[chain]);
-            int poles = 0;
-            for (char letter : ExpandPlan(model.tableChainPlans[chain])) poles += letter == 'F' || letter == 'f' ? 1 : 2;
-            EXPECT_EQ(poles, 22);
             CheckChain(model.constants.data() + walk.chain[chain], model.tableChainPlans[chain]);
         }
 

@@ -22,16 +22,12 @@ struct Host {
 
     void Want(const CabinetSettings& settings)
     {
-        switch (cabinet.Plan(settings)) {
-        case BlendedCabinet::Step::Nothing: break;
-        case BlendedCabinet::Step::ApplyNow: cabinet.ApplyImmediately(settings); break;
-        case BlendedCabinet::Step::Prepare: {
-            const PrepareJob job = cabinet.BeginPreparing(settings);
-            cabinet.PrepareStandby(job);
-            cabinet.AdoptStandby(job.pair);
-            break;
-        }
-        }
+        const BlendedCabinet::Step step = cabinet.Plan(settings);
+        if (step == BlendedCabinet::Step::ApplyNow) cabinet.ApplyImmediately(settings);
+        if (step != BlendedCabinet::Step::Prepare) return;
+        const PrepareJob job = cabinet.BeginPreparing(settings);
+        cabinet.PrepareStandby(job);
+        cabinet.AdoptStandby(job.pair);
     }
 
     std::vector<float> Run(const float* in, std::size_t count, std::size_t block, float blend = 0.0f, float levelDb = 0.0f)
@@ -47,10 +43,7 @@ struct Host {
 
 CabinetSettings WithSecond(CabinetSettings settings, int microphone2, int position2)
 {
-    settings.secondInUse = true;
-    settings.microphone2 = microphone2;
-    settings.position2 = position2;
-    return settings;
+    return {settings.speaker, settings.microphone, settings.position, microphone2, position2, true};
 }
 
 TEST(CabinetSettings, ControlsAreRoundedAndClampedNaNTakesTheDefaultAndTheSecondMicrophoneNeedsABlend)
@@ -70,7 +63,7 @@ TEST(BlendedCabinet, SteadyOutputIsTheLibrarysOwnAtAnyRateAndBlockSize)
     for (const auto& [sampleRate, block] : {std::pair{48000, 64}, {22050, 1000}, {44100, 6000}, {192000, 512}}) {
         Host host(sampleRate);
         const std::vector<float> input = GuitarLike(6000, sampleRate);
-        EXPECT_EQ(host.Run(input.data(), input.size(), std::size_t(block)), LoneModel(sampleRate, 2, 0, 0).Run(input))
+        EXPECT_EQ(host.Run(input.data(), input.size(), std::size_t(block)), LoneModel(sampleRate, {2, 0, 0}, input))
             << sampleRate << " " << block;
         EXPECT_EQ(host.cabinet.CrossfadeLength(), uint32_t(std::lround(0.02 * sampleRate)));
     }
@@ -79,13 +72,13 @@ TEST(BlendedCabinet, SteadyOutputIsTheLibrarysOwnAtAnyRateAndBlockSize)
     host.Want({4, 1, 2});
     EXPECT_FALSE(host.cabinet.ChangeUnderWay());
     const std::vector<float> input = GuitarLike(6000, rate);
-    EXPECT_EQ(host.Run(input.data(), input.size(), 256), LoneModel(rate, 4, 1, 2).Run(input));
+    EXPECT_EQ(host.Run(input.data(), input.size(), 256), LoneModel(rate, {4, 1, 2}, input));
 }
 
 TEST(BlendedCabinet, ChangesCrossfadeWithoutAClickWhereTheLibraryAloneSwitchesHard)
 {
     const std::vector<float> input = GuitarLike(12000, rate, 110.0, 0.0);
-    const std::vector<float> before = LoneModel(rate, 2, 0, 0).Run(input);
+    const std::vector<float> before = LoneModel(rate, {2, 0, 0}, input);
     // Change where the old model's output is loudest, where a hard switch clicks most.
     std::size_t change = 4000;
     for (std::size_t n = 4000; n < 4500; ++n)
@@ -101,7 +94,7 @@ TEST(BlendedCabinet, ChangesCrossfadeWithoutAClickWhereTheLibraryAloneSwitchesHa
 
     // After 20 ms only the new model sounds, exactly as one started at the change.
     const std::size_t fade = host.cabinet.CrossfadeLength();
-    const std::vector<float> after = LoneModel(rate, 0, 1, 1).Run(input.data() + change, input.size() - change);
+    const std::vector<float> after = LoneModel(rate, {0, 1, 1}, input.data() + change, input.size() - change);
     for (std::size_t n = change + fade; n < input.size(); ++n) ASSERT_EQ(output[n], after[n - change]) << n;
 
     // The library alone switches hard: the new model restarts from clean state at once.
@@ -122,7 +115,7 @@ TEST(BlendedCabinet, BlendingInTheSecondMicrophoneIsAChangeWithoutAClick)
     EXPECT_TRUE(host.cabinet.ChangeUnderWay());
     const std::vector<float> rest = host.Run(input.data() + 4800, 4800, 64, 1.0f);
     output.insert(output.end(), rest.begin(), rest.end());
-    const std::vector<float> steady = LoneModel(rate, 2, 0, 0).Run(input);
+    const std::vector<float> steady = LoneModel(rate, {2, 0, 0}, input);
     EXPECT_LT(LargestStep(output, 4790, 6000), 1.5f * LargestStep(steady, 1000, 4800));
     EXPECT_NE(std::vector<float>(output.end() - 100, output.end()), std::vector<float>(steady.end() - 100, steady.end()));
 }
@@ -152,7 +145,7 @@ TEST(BlendedCabinet, OneChangeAtATimeTheLatestWinsAndACalledOffJobStartsNothing)
 TEST(BlendedCabinet, LevelScalesTheOutputGlidesWhenMovedAndIsHeldAtTheEndsOfItsScale)
 {
     const std::vector<float> input = GuitarLike(14400, rate);
-    const std::vector<float> plain = LoneModel(rate, 2, 0, 0).Run(input);
+    const std::vector<float> plain = LoneModel(rate, {2, 0, 0}, input);
     Host host;
     const std::vector<float> quiet = host.Run(input.data(), 4800, 128, 0.0f, -6.0f);
     for (std::size_t n = 0; n < quiet.size(); ++n) ASSERT_NEAR(quiet[n], std::pow(10.0f, -6.0f / 20.0f) * plain[n], 1e-6f) << n;
@@ -174,7 +167,7 @@ TEST(BlendedCabinet, ASecondMicrophoneAtTheSamePlaceChangesNothingAtAnyBlend)
     for (const float blend : {0.25f, 1.0f}) {
         Host host;
         host.Want(WithSecond({1, 1, 2}, 1, 2));
-        EXPECT_EQ(host.Run(input.data(), input.size(), 256, blend), LoneModel(rate, 1, 1, 2).Run(input)) << blend;
+        EXPECT_EQ(host.Run(input.data(), input.size(), 256, blend), LoneModel(rate, {1, 1, 2}, input)) << blend;
     }
 }
 
@@ -185,12 +178,12 @@ TEST(BlendedCabinet, TheSecondMicrophoneIsMatchedInLoudness)
     const auto decibelsFrom = [&](const std::vector<float>& signal, const std::vector<float>& reference) {
         return std::fabs(20.0 * std::log10(testing::Rms(signal) / testing::Rms(reference)));
     };
-    const std::vector<float> first = LoneModel(rate, 4, 0, 0).Run(noise);
+    const std::vector<float> first = LoneModel(rate, {4, 0, 0}, noise);
     double widest = 0.0;
     CabinetSettings blended = WithSecond({4, 0, 0}, 0, 0);
     for (int microphone = 0; microphone < microphoneCount; ++microphone) {
         for (int position = 0; position < positionCount; ++position) {
-            const double raw = decibelsFrom(LoneModel(rate, 4, microphone, position).Run(noise), first);
+            const double raw = decibelsFrom(LoneModel(rate, {4, microphone, position}, noise), first);
             if (raw > widest) {
                 widest = raw;
                 blended = WithSecond(blended, microphone, position);

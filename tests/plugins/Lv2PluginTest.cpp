@@ -126,14 +126,14 @@ TEST_F(Lv2Plugin, WithoutFeaturesItRunsSampleBySampleAndCrossfadesChangesInRun)
     controls[speaker] = 4.0f;
     controls[mic] = 1.0f;
     const std::vector<float> input = GuitarLike(7200, rate);
-    EXPECT_EQ(Run(input, 0, 2400, 1), LoneModel(rate, 4, 1, 0).Run(input.data(), 2400))
+    EXPECT_EQ(Run(input, 0, 2400, 1), LoneModel(rate, {4, 1, 0}, input.data(), 2400))
         << "the ports' model plays from the start";
     EXPECT_EQ(controls[latency], 0.0f);
 
     controls[speaker] = 0.0f;
     controls[position] = 2.0f;
     const std::vector<float> rest = Run(input, 2400, 4800, 1);
-    ExpectFadeInto(rest, LoneModel(rate, 0, 1, 2).Run(input.data() + 2400, 4800));
+    ExpectFadeInto(rest, LoneModel(rate, {0, 1, 2}, input.data() + 2400, 4800));
 }
 
 TEST_F(Lv2Plugin, WithAWorkerRunOnlySchedulesRetriesAFullQueueAndTheResponseStartsTheCrossfade)
@@ -155,7 +155,7 @@ TEST_F(Lv2Plugin, WithAWorkerRunOnlySchedulesRetriesAFullQueueAndTheResponseStar
     waiting.insert(waiting.end(), later.begin(), later.end());
     ASSERT_EQ(worker.jobs.size(), 1u) << "one job, however many runs wait for it";
     output.insert(output.end(), waiting.begin(), waiting.end());
-    EXPECT_EQ(output, LoneModel(rate, 2, 0, 0).Run(input.data(), 4800)) << "the old model plays until the response";
+    EXPECT_EQ(output, LoneModel(rate, {2, 0, 0}, input.data(), 4800)) << "the old model plays until the response";
 
     const LV2_Worker_Interface* interface = WorkerOf(descriptor);
     std::thread([&] {
@@ -167,7 +167,7 @@ TEST_F(Lv2Plugin, WithAWorkerRunOnlySchedulesRetriesAFullQueueAndTheResponseStar
     EXPECT_EQ(interface->work_response(handle, uint32_t(worker.responses[0].size()), worker.responses[0].data()),
               LV2_WORKER_SUCCESS);
     const std::vector<float> rest = Run(input, 4800, 4800, 256);
-    ExpectFadeInto(rest, LoneModel(rate, 2, 1, 1).Run(input.data() + 4800, 4800));
+    ExpectFadeInto(rest, LoneModel(rate, {2, 1, 1}, input.data() + 4800, 4800));
     EXPECT_EQ(worker.jobs.size(), 1u);
     // A job of the wrong size is refused, not read.
     const char junk[3] = {};

@@ -3,53 +3,34 @@
 // Signals and a plain library instance to compare the plug-in against.
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <vector>
 
-#include "tarnlow.h"
+#include "support/HostCalls.h"
 
 namespace tarnlow::lv2::testing {
 
-// A sine with a little deterministic noise, so that every filter of a model is excited.
-inline std::vector<float> GuitarLike(std::size_t length, int rate, double frequency = 110.0, double noise = 0.05)
+using tarnlow::testing::GuitarLike;
+
+// The library alone, set to one model from the start: what the plug-in must sound like in
+// steady state.
+inline std::vector<float> LoneModel(int rate, std::array<int, 3> model, const float* in, std::size_t count)
 {
-    std::vector<float> signal(length);
-    uint32_t state = 0x1234567u;
-    for (std::size_t n = 0; n < length; ++n) {
-        state = state * 1664525u + 1013904223u;
-        const double hiss = double(int32_t(state >> 8) - (1 << 23)) / double(1 << 23);
-        signal[n] = float(0.5 * std::sin(2.0 * 3.14159265358979 * frequency * double(n) / rate) + noise * hiss);
-    }
-    return signal;
+    void* handle = CreateInstanceU();
+    SetSampleRateU(handle, rate);
+    for (std::size_t selector = 0; selector < 3; ++selector) SetParameterA(handle, int32_t(selector), float(model[selector]));
+    std::vector<float> out(in, in + count);
+    int32_t sounding = 0;
+    CalcA(handle, int32_t(count), out.data(), nullptr, nullptr, nullptr, nullptr, &sounding);
+    DestroyInstanceU(handle);
+    return out;
 }
-
-// The library alone, set to one model: what the plug-in must sound like in steady state.
-class LoneModel {
-public:
-    LoneModel(int rate, int speaker, int microphone, int position) : handle(CreateInstanceU())
-    {
-        SetSampleRateU(handle, rate);
-        SetParameterA(handle, 0, float(speaker));
-        SetParameterA(handle, 1, float(microphone));
-        SetParameterA(handle, 2, float(position));
-    }
-    ~LoneModel() { DestroyInstanceU(handle); }
-    LoneModel(const LoneModel&) = delete;
-    LoneModel& operator=(const LoneModel&) = delete;
-
-    std::vector<float> Run(const float* in, std::size_t count)
-    {
-        std::vector<float> out(in, in + count);
-        int32_t sounding = 0;
-        CalcA(handle, int32_t(count), out.data(), nullptr, nullptr, nullptr, nullptr, &sounding);
-        return out;
-    }
-    std::vector<float> Run(const std::vector<float>& in) { return Run(in.data(), in.size()); }
-
-private:
-    void* handle;
-};
+inline std::vector<float> LoneModel(int rate, std::array<int, 3> model, const std::vector<float>& in)
+{
+    return LoneModel(rate, model, in.data(), in.size());
+}
 
 // The largest step between neighbouring samples in [begin, end): a click shows as a step
 // far above what the music itself has.

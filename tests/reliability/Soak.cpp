@@ -31,9 +31,8 @@ namespace {
 
 long ResidentKiB()
 {
-    std::ifstream statm("/proc/self/statm");
     long pages = 0, resident = 0;
-    statm >> pages >> resident;
+    std::ifstream("/proc/self/statm") >> pages >> resident;
     return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
@@ -81,13 +80,10 @@ int main(int argc, char** argv)
                 }
                 // Microphone type, position, both types through selector -1, then ResetA.
                 const int64_t kind = step % 4;
-                if (kind == 3)
-                    ResetA(instance);
-                else
+                if (kind == 3) ResetA(instance);
+                if (kind < 3)
                     SetParameterA(instance, kind == 2 ? -1 : int32_t(kind + 1),
-                                  float(kind == 0   ? (step / 4) % 2
-                                        : kind == 1 ? (step / 4) % 3
-                                                    : (step / 8) % 2));
+                                  float(kind == 0 ? (step / 4) % 2 : kind == 1 ? (step / 4) % 3 : (step / 8) % 2));
                 stepsServed.store(++step, std::memory_order_release);
             }
             controlChanges = step;
@@ -102,11 +98,9 @@ int main(int argc, char** argv)
                 std::this_thread::yield();
             for (std::size_t i = 0; i < block.size(); ++i) {
                 const double t = double(done + int64_t(i)) / rate;
-                phase =
-                    std::fmod(phase + 2.0 * M_PI * 60.0 * std::pow(100.0, std::fmod(t, 20.0) / 20.0) / rate,
-                              2.0 * M_PI);
-                block[i] =
-                    std::fmod(t, 7.0) >= 6.0 ? 0.0f : float(0.25 * std::sin(phase)) + 0.008f * noise(random);
+                const double frequency = 60.0 * std::pow(100.0, std::fmod(t, 20.0) / 20.0);
+                phase = std::fmod(phase + 2.0 * M_PI * frequency / rate, 2.0 * M_PI);
+                block[i] = std::fmod(t, 7.0) >= 6.0 ? 0.0f : float(0.25 * std::sin(phase)) + 0.008f * noise(random);
             }
             int32_t flag = -1;
             CalcA(instance, blockLength, block.data(), nullptr, nullptr, nullptr, nullptr, &flag);
@@ -124,8 +118,7 @@ int main(int argc, char** argv)
                 if (residentAfterWarmUp >= 0 && resident > residentHighest) residentHighest = resident;
             }
         }
-        const double wallSeconds =
-            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        const double wallSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         const double audioSeconds = double(totalSamples) / rate;
         running.store(false, std::memory_order_release);
         control.join();
@@ -135,8 +128,7 @@ int main(int argc, char** argv)
                     badFlags, silentFlags, double(peak));
         std::fflush(stdout);
         // The control thread may trail the audio by up to two steps when the audio stops.
-        failed = failed || nonFinite != 0 || badFlags != 0 ||
-                 controlChanges + 2 < long(totalSamples / controlStep);
+        failed = failed || nonFinite != 0 || badFlags != 0 || controlChanges + 2 < long(totalSamples / controlStep);
     }
 
     const long residentAtEnd = ResidentKiB();

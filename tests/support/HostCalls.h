@@ -19,6 +19,19 @@ inline std::vector<float> Noise(std::size_t length, uint32_t seed, float level =
     return samples;
 }
 
+// A sine with a little deterministic noise, so that every filter of a model is excited.
+inline std::vector<float> GuitarLike(std::size_t length, int rate, double frequency = 110.0, double noise = 0.05)
+{
+    std::vector<float> signal(length);
+    uint32_t state = 0x1234567u;
+    for (std::size_t n = 0; n < length; ++n) {
+        state = state * 1664525u + 1013904223u;
+        const double hiss = double(int32_t(state >> 8) - (1 << 23)) / double(1 << 23);
+        signal[n] = float(0.5 * std::sin(2.0 * 3.14159265358979 * frequency * double(n) / rate) + noise * hiss);
+    }
+    return signal;
+}
+
 // CalcA in place on the first `count` samples (all if negative); returns the out-flag,
 // -7 if none was written.
 inline int32_t Calc(void* instance, std::vector<float>& buffer, int32_t count = -1)

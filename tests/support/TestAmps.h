@@ -15,7 +15,6 @@ struct ModelEvent {
     enum Kind { process, update } kind;
     int32_t count;   // samples of a Process call
     bool immediate;  // of an Update call
-    int32_t bank;    // of an Update call
 };
 
 // A mono amp at 44100 Hz whose model multiplies by `factor` (2 unless changed) and overrides
@@ -43,26 +42,16 @@ public:
     void Process(float** inputs, float** outputs, int32_t count, bool inputIsSingle, bool outputIsSingle,
                  float** sideInputs, int32_t sideCount) override
     {
-        events.push_back({ModelEvent::process, count, false, 0});
+        events.push_back({ModelEvent::process, count, false});
         if (busState->GetCount() > 0) *static_cast<int32_t*>(busState->GetElement(0)) += count;
         controlWordInProcess = ReadFloatControl();
         CQuorvexAmp::Process(inputs, outputs, count, inputIsSingle, outputIsSingle, sideInputs, sideCount);
     }
-    void Update(bool immediate, int32_t, int32_t bank) override
-    {
-        events.push_back({ModelEvent::update, 0, immediate, bank});
-    }
+    void Update(bool immediate, int32_t, int32_t) override { events.push_back({ModelEvent::update, 0, immediate}); }
     void Reset() override
     {
         ++resets;
         CQuorvexAmp::Reset();
-    }
-
-    long Updates(bool immediate) const
-    {
-        return std::count_if(events.begin(), events.end(), [&](const ModelEvent& e) {
-            return e.kind == ModelEvent::update && e.immediate == immediate;
-        });
     }
 
     float factor = 2.0f;
@@ -83,14 +72,12 @@ inline void RunMono(CQuorvexAmp& amp, std::vector<float>& buffer, int32_t count,
     amp.ProcessBlock(channels, channels, count, gain, nullptr, 0);
 }
 
-// Channel groups of the test's buffers; in place when `outputs` is left empty.
-inline void RunGroup(CQuorvexAmp& amp, std::vector<std::vector<float>*> inputs, int32_t count,
-                     float gain = 1.0f, std::vector<std::vector<float>*> outputs = {})
+// A group of channels in place.
+inline void RunGroup(CQuorvexAmp& amp, std::vector<std::vector<float>*> buffers, int32_t count, float gain = 1.0f)
 {
-    std::vector<float*> in, out;
-    for (std::vector<float>* buffer : inputs) in.push_back(buffer->data());
-    for (std::vector<float>* buffer : outputs) out.push_back(buffer->data());
-    amp.ProcessBlock(in.data(), outputs.empty() ? in.data() : out.data(), count, gain, nullptr, 0);
+    std::vector<float*> channels;
+    for (std::vector<float>* buffer : buffers) channels.push_back(buffer->data());
+    amp.ProcessBlock(channels.data(), channels.data(), count, gain, nullptr, 0);
 }
 
 }  // namespace tarnlow::testing

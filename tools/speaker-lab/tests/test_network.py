@@ -1,8 +1,6 @@
 """The single-precision reference model: rounding and flush-to-zero, sections, control update,
 and the golden files it wrote (which the library must match bit for bit)."""
 
-import random
-
 import numpy as np
 import pytest
 
@@ -22,14 +20,8 @@ def _model(tables):
     return net.ReferenceModel("4x12", 96, *tables)
 
 
-def test_single_operations_round_like_float32():
-    rng = random.Random(7)
-    for _ in range(3000):
-        a, b = (float(np.float32(rng.uniform(-4, 4) * 10 ** rng.randint(-12, 12))) for _ in range(2))
-        fa, fb = np.float32(a), np.float32(b)
-        assert (net.r32(a * b), net.r32(a + b), net.r32(a - b)) == (float(fa * fb), float(fa + fb), float(fa - fb))
-
-
+# Rounding itself is checked end to end: the golden files this model writes must match the
+# library's float32 arithmetic bit for bit (tests/models/ReferenceTest.cpp).
 def test_flush_to_zero_keeps_the_sign():
     for tiny, sign in ((2.0 ** -130, 1.0), (-2.0 ** -130, -1.0), (1e-20 * -1e-20, -1.0)):
         assert net.r32(tiny) == 0.0 and np.copysign(1.0, net.r32(tiny)) == sign
@@ -55,28 +47,24 @@ def test_state_words_below_1e30_are_cleared_once_a_block():
 
 
 def test_updates_jump_or_glide_to_the_gain_entries_and_freeze_the_other_branch(tables_4x12n96a):
-    constants, state = tables_4x12n96a
     layout = cat.layout("4x12", 96)
-    word0 = layout.branch_words[0]
+    word0, word1 = layout.branch_words
     model = _model(tables_4x12n96a)
     model.update(1, 0.0, 1.0)
     assert model.state[word0] == model.k[layout.gain_tables[0] + 2]
     assert model.state[layout.ambience_gain] == model.k[layout.ambience_gain_table + 2]
     before = model.state[word0:word0 + 3]
     model.update(1, 1.0, 0.5)
-    assert model.state[layout.branch_words[1]] == model.k[layout.gain_tables[1] + 1]
+    assert model.state[word1] == model.k[layout.gain_tables[1] + 1] and model.state[layout.type_value] == 1.0
     assert model.state[word0:word0 + 3] == before
-    assert model.state[layout.type_value] == 1.0
-
-    constants = constants.copy()
-    constants[layout.gain_tables[0]:layout.gain_tables[0] + 4] = [1.0, 1.0, 1.0, 1.0]
-    model = net.ReferenceModel("4x12", 96, constants, state)
+    # from 0 towards 1: one step of the band's smoothing, 63.2 % after ~191 updates, a jump
+    model.k[layout.gain_tables[0]:layout.gain_tables[0] + 4] = [1.0] * 4
     model.state[word0] = 0.0
     model.update(0, 0.0, 0.0)
     assert (model.state[word0], model.state[word0 + 1]) == (pytest.approx(0.0052223, abs=1e-7), 1.0)
     for _ in range(190):
         model.update(0, 0.0, 0.0)
-    assert 0.60 < model.state[word0] < 0.64   # 63.2 % after ~191 updates
+    assert 0.60 < model.state[word0] < 0.64
     model.update(1, 0.0, 0.0)
     assert model.state[word0] == 1.0
 

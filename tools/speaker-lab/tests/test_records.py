@@ -21,7 +21,6 @@ def _stage(chains, key, kind):
     (lambda c: _stage(c, (0, 0), "S")["tap"].__setitem__(2, 0.0), "reduced record"),
     (lambda c: _stage(c, (0, 0), "S")["tap"].__setitem__(2, 0.5), "z^-2 term"),
     (lambda c: _stage(c, (0, 0), "F")["tap"].__setitem__(1, 0.25), "c0 == c1"),
-    (lambda c: _stage(c, (1, 0), "Z")["tap"].__setitem__(1, 0.125), "c0 == c1"),
     (lambda c: _stage(c, (0, 0), "S")["through"].__setitem__(3, 1.5), "differ in c3/c4"),
     (lambda c: _stage(c, (0, 0), "S")["through"].__setitem__(0, 0.9), "all-pass"),
     (lambda c: _stage(c, (0, 1), "F")["through"].__setitem__(2, 0.5), "differ in c2"),

@@ -220,6 +220,78 @@ enum class WordAccess : uint8_t { placeByPlace, eightLaneWindows };
 #undef TARNLOW_LOAD_INDICES
 #endif
 
+// The taps of one vector's units in eight steps from blockStep: byUnit[k] holds unit k's
+// taps of those steps, in step order. Twelve shuffles: the taps of rows 2j and 2j + 1, then
+// of rows 0-3 and 4-7 two units each, then by unit.
+inline void TapsOfEightSteps(const float (*rows)[rowLength], int32_t blockStep, int32_t v,
+                             Lanes (&byUnit)[unitsPerVector]) noexcept
+{
+    Lanes row[lanesPerVector];
+    for (int32_t j = 0; j < lanesPerVector; ++j) row[j] = Load(&rows[blockStep + j][v * lanesPerVector]);
+    Lanes pairs[4];
+    for (int32_t j = 0; j < 4; ++j) {
+        pairs[j] = __builtin_shufflevector(row[2 * j], row[2 * j + 1], 0, 2, 4, 6, 8, 10, 12, 14);
+    }
+    const Lanes early01 = __builtin_shufflevector(pairs[0], pairs[1], 0, 4, 8, 12, 1, 5, 9, 13);
+    const Lanes early23 = __builtin_shufflevector(pairs[0], pairs[1], 2, 6, 10, 14, 3, 7, 11, 15);
+    const Lanes late01 = __builtin_shufflevector(pairs[2], pairs[3], 0, 4, 8, 12, 1, 5, 9, 13);
+    const Lanes late23 = __builtin_shufflevector(pairs[2], pairs[3], 2, 6, 10, 14, 3, 7, 11, 15);
+    byUnit[0] = __builtin_shufflevector(early01, late01, 0, 1, 2, 3, 8, 9, 10, 11);
+    byUnit[1] = __builtin_shufflevector(early01, late01, 4, 5, 6, 7, 12, 13, 14, 15);
+    byUnit[2] = __builtin_shufflevector(early23, late23, 0, 1, 2, 3, 8, 9, 10, 11);
+    byUnit[3] = __builtin_shufflevector(early23, late23, 4, 5, 6, 7, 12, 13, 14, 15);
+}
+
+// The tap sums of samples [0, laneCount), eight at a time in lanes (laneCount a multiple of
+// eight). The rows hold the taps along diagonals, unit u's of sample i in row i + u; the
+// vectors' blocks of eight steps from their first unit's step, turned by unit, give each
+// unit's taps of eight samples from two neighbouring blocks. The units are added from the
+// last down, the final tap first, as in the section-by-section form.
+template <NetworkPositions positions>
+[[gnu::always_inline]] inline void SumTapsInLanes(float (*rows)[rowLength], int32_t count, int32_t laneCount,
+                                                  float* direct) noexcept
+{
+    constexpr int32_t firstVector = positions.chainStart / unitsPerVector;
+    if (laneCount == 0) return;
+    const int32_t blocks = laneCount / lanesPerVector + 1;
+    // The last block reaches past a vector's last working step; those rows feed only lanes
+    // that no sum reads, and are cleared so as to be defined (one store as wide as the loads).
+    for (int32_t v = firstVector; v < positions.vectorCount; ++v) {
+        const int32_t lastUnit = std::min(v * unitsPerVector + unitsPerVector - 1, positions.last);
+        for (int32_t step = lastUnit + count; step < v * unitsPerVector + blocks * lanesPerVector; ++step) {
+            const Lanes zero{};
+            std::memcpy(&rows[step][v * lanesPerVector], &zero, sizeof zero);
+        }
+    }
+    Lanes earlier[positions.vectorCount - firstVector][unitsPerVector];
+    for (int32_t block = 0; block < blocks; ++block) {
+        Lanes sum{};
+#pragma GCC unroll 5
+        for (int32_t v = positions.vectorCount - 1; v >= firstVector; --v) {
+            const int32_t firstStep = v * unitsPerVector;
+            Lanes later[unitsPerVector];
+            TapsOfEightSteps(rows, firstStep + block * lanesPerVector, v, later);
+            Lanes(&before)[unitsPerVector] = earlier[v - firstVector];
+            // Unit k of the vector made sample i in step i + k: its samples of the block
+            // before start k lanes into that block's steps.
+            const Lanes bySample[unitsPerVector] = {
+                before[0],
+                __builtin_shufflevector(before[1], later[1], 1, 2, 3, 4, 5, 6, 7, 8),
+                __builtin_shufflevector(before[2], later[2], 2, 3, 4, 5, 6, 7, 8, 9),
+                __builtin_shufflevector(before[3], later[3], 3, 4, 5, 6, 7, 8, 9, 10),
+            };
+#pragma GCC unroll 4
+            for (int32_t k = unitsPerVector - 1; k >= 0; --k) {
+                const int32_t unit = firstStep + k;
+                if (unit > positions.last || unit < positions.chainStart) continue;
+                sum = unit == positions.last ? bySample[k] : sum + bySample[k];
+            }
+            std::copy_n(later, unitsPerVector, before);
+        }
+        if (block > 0) std::memcpy(direct + (block - 1) * lanesPerVector, &sum, sizeof sum);
+    }
+}
+
 // The kernel for preSectionCount pre-sections and stageCount stages. The vectors' words stay
 // in registers through the steps; each vector works only in the steps where one of its units
 // has a sample, and in the steps where only some have, the others keep their words. A unit
@@ -307,7 +379,7 @@ template <WordAccess wordAccess, bool piecesInside, int32_t preSectionCount, int
         firstLane[lane] = allBits;
     }
 
-    alignas(32) float rows[maxSteps][rowLength];
+    alignas(32) float rows[maxSteps + lanesPerVector][rowLength];
     if (count > 0) {
         for (int32_t step = positions.first; step < positions.last + count; ++step) {
             const int32_t enteringSample = step - positions.first;
@@ -386,9 +458,13 @@ template <WordAccess wordAccess, bool piecesInside, int32_t preSectionCount, int
     }
 
     // The final tap first, then the stage taps from the last to the first: this order fixes
-    // the rounding. Unit u's tap of sample i is in row i + u at lane 2u.
+    // the rounding. Unit u's tap of sample i is in row i + u at lane 2u. Eight samples at a
+    // time add up in lanes (SumTapsInLanes); the samples after the last full eight, one by one
+    // along the diagonal.
+    const int32_t laneCount = count / lanesPerVector * lanesPerVector;
     float direct[maxRunLength];
-    for (int32_t i = 0; i < count; ++i) {
+    SumTapsInLanes<positions>(rows, count, laneCount, direct);
+    for (int32_t i = laneCount; i < count; ++i) {
         const float* row = &rows[i][0];
         float sum = row[positions.last * (rowLength + 2)];
 #pragma GCC unroll 12

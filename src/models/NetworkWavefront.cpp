@@ -263,7 +263,8 @@ template <NetworkPositions positions>
             std::memcpy(&rows[step][v * lanesPerVector], &zero, sizeof zero);
         }
     }
-    Lanes earlier[positions.vectorCount - firstVector][unitsPerVector];
+    // Block 0 has no block before it: its sums are made from zeros and not kept.
+    Lanes earlier[positions.vectorCount - firstVector][unitsPerVector] = {};
     for (int32_t block = 0; block < blocks; ++block) {
         Lanes sum{};
 #pragma GCC unroll 5

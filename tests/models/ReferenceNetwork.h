@@ -191,7 +191,10 @@ private:
                 if (std::fabs(*word) < Sample(1e-30f)) *word = Sample(0);
         };
         for (Section& section : pre) settle(section);
-        for (Stage& stage : stages) settle(stage.tap), settle(stage.through);
+        for (Stage& stage : stages) {
+            settle(stage.tap);
+            settle(stage.through);
+        }
         for (Section* section : {&finalTap, &ambience}) settle(*section);
     }
 

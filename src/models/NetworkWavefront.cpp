@@ -538,16 +538,25 @@ template <WordAccess wordAccess, bool piecesInside, int32_t preSectionCount, int
 #endif
 }
 
+// The steps with or without the small-value test inside the run: a run of one piece, the
+// usual case below a period, has none.
+template <WordAccess wordAccess, int32_t preSectionCount, int32_t stageCount>
+[[gnu::always_inline]] inline void RunPieces(const PackedNetwork& network, const NetworkTail& tail,
+                                             const float* input, float* output, const NetworkRun& run,
+                                             float* state) noexcept
+{
+    if (run.pieceCount > 1) {
+        RunSteps<wordAccess, true, preSectionCount, stageCount>(network, tail, input, output, run, state);
+    } else {
+        RunSteps<wordAccess, false, preSectionCount, stageCount>(network, tail, input, output, run, state);
+    }
+}
+
 template <int32_t preSectionCount, int32_t stageCount>
 void RunBaseline(const PackedNetwork& network, const NetworkTail& tail, const float* input,
                  float* output, const NetworkRun& run, float* state) noexcept
 {
-    // A run of one piece, the usual case below a period, has no small-value test inside.
-    if (run.pieceCount > 1) {
-        RunSteps<WordAccess::placeByPlace, true, preSectionCount, stageCount>(network, tail, input, output, run, state);
-    } else {
-        RunSteps<WordAccess::placeByPlace, false, preSectionCount, stageCount>(network, tail, input, output, run, state);
-    }
+    RunPieces<WordAccess::placeByPlace, preSectionCount, stageCount>(network, tail, input, output, run, state);
 }
 
 #if defined(__x86_64__) || defined(__i386__)
@@ -558,12 +567,7 @@ template <int32_t preSectionCount, int32_t stageCount>
                                      const float* input, float* output, const NetworkRun& run,
                                      float* state) noexcept
 {
-    // A run of one piece, the usual case below a period, has no small-value test inside.
-    if (run.pieceCount > 1) {
-        RunSteps<WordAccess::eightLaneWindows, true, preSectionCount, stageCount>(network, tail, input, output, run, state);
-    } else {
-        RunSteps<WordAccess::eightLaneWindows, false, preSectionCount, stageCount>(network, tail, input, output, run, state);
-    }
+    RunPieces<WordAccess::eightLaneWindows, preSectionCount, stageCount>(network, tail, input, output, run, state);
 }
 
 // Still eight lanes, with the 32 vector registers of the newer instruction set: the vectors'
@@ -573,12 +577,7 @@ template <int32_t preSectionCount, int32_t stageCount>
     const PackedNetwork& network, const NetworkTail& tail, const float* input, float* output,
     const NetworkRun& run, float* state) noexcept
 {
-    // A run of one piece, the usual case below a period, has no small-value test inside.
-    if (run.pieceCount > 1) {
-        RunSteps<WordAccess::eightLaneWindows, true, preSectionCount, stageCount>(network, tail, input, output, run, state);
-    } else {
-        RunSteps<WordAccess::eightLaneWindows, false, preSectionCount, stageCount>(network, tail, input, output, run, state);
-    }
+    RunPieces<WordAccess::eightLaneWindows, preSectionCount, stageCount>(network, tail, input, output, run, state);
 }
 #endif
 
